@@ -1,0 +1,26 @@
+// ssci_response.cpp - the response object of every handler and the JSON
+// reply helper. Stateless; safe on any listener thread.
+#include "endpoints/ssci_response.h"
+
+ssci_response::ssci_response(const std::string& body_text, int status,
+                             const std::string& content_type)
+    : httpserver::string_response(body_text, status, content_type), body(body_text) {}
+
+std::shared_ptr<httpserver::http_response> make_ssci_response(
+    const std::string& body, int status, const std::string& content_type) {
+    return std::shared_ptr<httpserver::http_response>(
+        new ssci_response(body, status, content_type));
+}
+
+json_object* new_reply_object(int result) {
+    json_object* reply = json_object_new_object();
+    json_object_object_add(reply, RETURN_MEMBER, json_object_new_int(result));
+    return reply;
+}
+
+std::shared_ptr<httpserver::http_response> json_reply(json_object* reply) {
+    std::shared_ptr<httpserver::http_response> response = make_ssci_response(
+        json_object_to_json_string(reply), HTTP_STATUS_OK, JSON_CONTENT_TYPE);
+    json_object_put(reply);
+    return response;
+}

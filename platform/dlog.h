@@ -1,0 +1,15 @@
+// dlog.h - the device's debug-log library: appends one time-stamped
+// record per call to a file, rotating it when it grows past a size limit.
+#ifndef MANAGER_SVC_DLOG_H
+#define MANAGER_SVC_DLOG_H
+
+extern "C" {
+// Appends "<time> <program>[<pid>]: <message>\n" to `path`, creating its
+// directories. When the file would pass `size_limit` bytes it is first
+// renamed to "<path>.1" (replacing an older one). Safe from any thread.
+// Returns 0, or -1 when the record could not be written.
+int log_File_Debug_s(const char* path, int size_limit, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+}
+
+#endif

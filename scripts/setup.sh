@@ -1,0 +1,38 @@
+#!/bin/sh
+# Installs every package needed to build, test and benchmark manager_svc
+# from Debian's archive. Idempotent: when everything is present it only
+# checks; it runs `apt-get update` only when a package is missing.
+set -eu
+
+PACKAGES="
+build-essential cmake pkg-config git
+libmicrohttpd-dev libjson-c-dev libcurl4-openssl-dev
+googletest libgtest-dev libgmock-dev
+python3 python3-pytest curl wrk
+util-linux mount procps
+"
+
+missing=""
+for pkg in $PACKAGES; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+        missing="$missing $pkg"
+    fi
+done
+
+if [ -z "$missing" ]; then
+    echo "setup: all packages present"
+    exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: these Debian packages are missing:$missing" >&2
+    echo "setup: run this script as root (or: sudo $0) to install them" >&2
+    exit 1
+fi
+
+echo "setup: installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -q
+# shellcheck disable=SC2086
+apt-get install -y -q --no-install-recommends $missing
+echo "setup: done"
