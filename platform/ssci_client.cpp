@@ -1,16 +1,223 @@
-// ssci_client.cpp - the service-bus client.
+// ssci_client.cpp - the service-bus client: looks a service's address up at
+// the name server (this daemon's own "get_info" request), then GETs the
+// resource from the service, both over HTTP with libcurl's easy interface.
 // nameserver_host / nameserver_port: written by ssci_nameserver_init on the
-// main thread before the server starts, read-only afterwards.
+// main thread before the server starts, read-only afterwards. Everything
+// else is local to one call, so any number of listener threads may call
+// ssci_GET_request at once (curl_global_init is done at start-up).
 #include "platform/ssci_client.h"
 
+#include <curl/curl.h>
+#include <json-c/json.h>
+
+#include <cstdio>
+#include <cstring>
 #include <string>
 
+#include "platform/utils.h"
+
 namespace {
+
 std::string nameserver_host;  // written before threads start, read-only after
 int nameserver_port = 0;      // written before threads start, read-only after
+
+// The name server's look-up request.
+constexpr const char NAMESERVER_PATH[] = "/managerService/svcmgr";
+constexpr const char LOOKUP_METHOD[] = "get_info";
+
+constexpr long HTTP_OK = 200;
+constexpr int MAX_PORT = 65535;
+// Longest host name that DNS allows.
+constexpr std::size_t MAX_HOST_NAME = 253;
+// A time limit below this is raised to it, so that every call is bounded.
+constexpr long MIN_TIME_LIMIT_SECONDS = 1;
+
+bool is_host_name_char(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           c == '.' || c == '-';
+}
+
+// An IP address, or a host name made of letters, digits, dots and hyphens:
+// nothing that could change the meaning of the URL around it.
+bool is_usable_host(const std::string& host) {
+    if (isValidIpAddress(host.c_str())) {
+        return true;
+    }
+    if (host.empty() || host.size() > MAX_HOST_NAME) {
+        return false;
+    }
+    for (char c : host) {
+        if (!is_host_name_char(c)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string query_string(const query_object* query) {
+    std::string text;
+    if (query == nullptr) {
+        return text;
+    }
+    for (const auto& arg : query->args) {
+        text += text.empty() ? "?" : "&";
+        text += ssci_url_encode(arg.first) + "=" + ssci_url_encode(arg.second);
+    }
+    return text;
+}
+
+int result_of_transfer(CURLcode code, long status) {
+    switch (code) {
+    case CURLE_OK:
+        return status == HTTP_OK ? SSCI_OK : SSCI_ERR_STATUS;
+    case CURLE_WRITE_ERROR:
+    case CURLE_FILESIZE_EXCEEDED:
+        return SSCI_ERR_TOO_LARGE;
+    default:
+        return SSCI_ERR_TRANSPORT;
+    }
+}
+
+void set_transfer_options(CURL* curl, const std::string& url, long time_limit,
+                          std::string* received) {
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT,
+                     time_limit < MIN_TIME_LIMIT_SECONDS ? MIN_TIME_LIMIT_SECONDS : time_limit);
+    // Services on the device are reached directly, never through a proxy
+    // that the environment might name.
+    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(SSCI_REPLY_LIMIT));
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, ssci_collect_reply);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, received);
+}
+
+// One GET of `url`; `reply` receives the body only when the status is 200.
+int http_get(const std::string& url, long time_limit, std::string& reply) {
+    CURL* curl = curl_easy_init();
+    if (curl == nullptr) {
+        return SSCI_ERR_TRANSPORT;
+    }
+    std::string received;
+    set_transfer_options(curl, url, time_limit, &received);
+    const CURLcode code = curl_easy_perform(curl);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(curl);
+    const int result = result_of_transfer(code, status);
+    if (result == SSCI_OK) {
+        reply.swap(received);
+    }
+    return result;
+}
+
+int lookup_service(const char* name, long time_limit, std::string& host, int& port) {
+    query_object lookup;
+    lookup.args["method"] = LOOKUP_METHOD;
+    lookup.args["name"] = name;
+    std::string url;
+    int result = ssci_build_url(nameserver_host, nameserver_port, NAMESERVER_PATH, &lookup, url);
+    std::string reply;
+    if (result == SSCI_OK) {
+        result = http_get(url, time_limit, reply);
+    }
+    return result == SSCI_OK ? ssci_parse_service_address(reply, host, port) : result;
+}
+
+// The members of a get_info answer, or SSCI_ERR_ARGUMENT.
+int read_address_members(json_object* answer, std::string& host, int& port) {
+    json_object* ip = nullptr;
+    json_object* port_member = nullptr;
+    if (!json_object_object_get_ex(answer, "ip", &ip) ||
+        !json_object_is_type(ip, json_type_string) ||
+        !json_object_object_get_ex(answer, "port", &port_member) ||
+        !json_object_is_type(port_member, json_type_int)) {
+        return SSCI_ERR_ARGUMENT;
+    }
+    const int64_t port_value = json_object_get_int64(port_member);
+    const std::string ip_text = json_object_get_string(ip);
+    if (port_value < 1 || port_value > MAX_PORT || !is_usable_host(ip_text)) {
+        return SSCI_ERR_ARGUMENT;
+    }
+    host = ip_text;
+    port = static_cast<int>(port_value);
+    return SSCI_OK;
+}
+
 }  // namespace
 
 void ssci_nameserver_init(const char* host, int port) {
     nameserver_host = host;
     nameserver_port = port;
+}
+
+std::string ssci_url_encode(const std::string& text) {
+    static const char unreserved[] = "-._~";
+    std::string encoded;
+    for (unsigned char c : text) {
+        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+            (c != '\0' && std::strchr(unreserved, c) != nullptr)) {
+            encoded += static_cast<char>(c);
+        } else {
+            char escape[4];
+            snprintf(escape, sizeof escape, "%%%02X", c);
+            encoded += escape;
+        }
+    }
+    return encoded;
+}
+
+int ssci_build_url(const std::string& host, int port, const char* path,
+                   const query_object* query, std::string& url) {
+    if (!is_usable_host(host) || port < 1 || port > MAX_PORT || path == nullptr ||
+        path[0] != '/') {
+        return SSCI_ERR_ARGUMENT;
+    }
+    const bool ipv6 = host.find(':') != std::string::npos;
+    url = std::string("http://") + (ipv6 ? "[" + host + "]" : host) + ":" +
+          std::to_string(port) + path + query_string(query);
+    return SSCI_OK;
+}
+
+int ssci_parse_service_address(const std::string& reply, std::string& host, int& port) {
+    json_object* answer = json_tokener_parse(reply.c_str());
+    if (answer == nullptr) {
+        return SSCI_ERR_ARGUMENT;
+    }
+    json_object* result = nullptr;
+    int status = SSCI_ERR_ARGUMENT;
+    if (json_object_is_type(answer, json_type_object) &&
+        json_object_object_get_ex(answer, "return", &result) &&
+        json_object_is_type(result, json_type_int)) {
+        status = json_object_get_int64(result) == 0 ? read_address_members(answer, host, port)
+                                                   : SSCI_ERR_NOT_FOUND;
+    }
+    json_object_put(answer);
+    return status;
+}
+
+std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count, void* reply) {
+    std::string* text = static_cast<std::string*>(reply);
+    const std::size_t room = SSCI_REPLY_LIMIT - text->size();
+    if (size != 0 && count > room / size) {
+        return 0;
+    }
+    text->append(data, size * count);
+    return size * count;
+}
+
+int ssci_GET_request(const char* name, const char* path, query_object* query,
+                     std::string& body, long time_limit, bool, int, char**) {
+    body.clear();
+    if (name == nullptr) {
+        return SSCI_ERR_ARGUMENT;
+    }
+    std::string host;
+    int port = 0;
+    int result = lookup_service(name, time_limit, host, port);
+    std::string url;
+    if (result == SSCI_OK) {
+        result = ssci_build_url(host, port, path, query, url);
+    }
+    return result == SSCI_OK ? http_get(url, time_limit, body) : result;
 }
