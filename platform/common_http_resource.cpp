@@ -15,6 +15,9 @@ namespace {
 constexpr const char* METHOD_NAMES[] = {"GET", "POST", "PUT", "DELETE"};
 constexpr const char ALLOW_SEPARATOR[] = ", ";
 
+static_assert(sizeof METHOD_NAMES / sizeof METHOD_NAMES[0] == 4,
+              "one method name per handler slot");
+
 // Every live resource, in order of construction. A function-local static,
 // so that resources constructed from other modules' static initialisers
 // find it built whatever the link order. Written before threads start,
