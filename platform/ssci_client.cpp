@@ -1,10 +1,12 @@
 // ssci_client.cpp - the service-bus client: looks a service's address up at
 // the name server (this daemon's own "get_info" request), then GETs the
 // resource from the service, both over HTTP with libcurl's easy interface.
-// nameserver_host / nameserver_port: written by ssci_nameserver_init on the
-// main thread before the server starts, read-only afterwards. Everything
-// else is local to one call, so any number of listener threads may call
-// ssci_GET_request at once (curl_global_init is done at start-up).
+// nameserver_host / nameserver_port: set by ssci_nameserver_init on the
+// main thread, which start-up calls once the server already runs, so they
+// are guarded by nameserver_lock (held only to copy them, never across a
+// network call). Everything else is local to one call, so any number of
+// listener threads may call ssci_GET_request at once (curl_global_init is
+// done at start-up).
 #include "platform/ssci_client.h"
 
 #include <curl/curl.h>
@@ -12,14 +14,16 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "platform/utils.h"
 
 namespace {
 
-std::string nameserver_host;  // written before threads start, read-only after
-int nameserver_port = 0;      // written before threads start, read-only after
+std::mutex nameserver_lock;
+std::string nameserver_host;  // guarded by nameserver_lock
+int nameserver_port = 0;      // guarded by nameserver_lock
 
 // The name server's look-up request.
 constexpr const char NAMESERVER_PATH[] = "/managerService/svcmgr";
@@ -111,12 +115,18 @@ int http_get(const std::string& url, long time_limit, std::string& reply) {
     return result;
 }
 
-int lookup_service(const char* name, long time_limit, std::string& host, int& port) {
+// The look-up URL for `name` at the name server known right now.
+int lookup_url(const char* name, std::string& url) {
     query_object lookup;
     lookup.args["method"] = LOOKUP_METHOD;
     lookup.args["name"] = name;
+    std::lock_guard<std::mutex> hold(nameserver_lock);
+    return ssci_build_url(nameserver_host, nameserver_port, NAMESERVER_PATH, &lookup, url);
+}
+
+int lookup_service(const char* name, long time_limit, std::string& host, int& port) {
     std::string url;
-    int result = ssci_build_url(nameserver_host, nameserver_port, NAMESERVER_PATH, &lookup, url);
+    int result = lookup_url(name, url);
     std::string reply;
     if (result == SSCI_OK) {
         result = http_get(url, time_limit, reply);
@@ -147,6 +157,7 @@ int read_address_members(json_object* answer, std::string& host, int& port) {
 }  // namespace
 
 void ssci_nameserver_init(const char* host, int port) {
+    std::lock_guard<std::mutex> hold(nameserver_lock);
     nameserver_host = host;
     nameserver_port = port;
 }

@@ -1,7 +1,7 @@
 // ssci_client.h - the service-bus client: reaches another service by its
-// registered name. The name server's address is set once at start-up
-// (ssci_nameserver_init, main thread, before requests arrive) and only read
-// afterwards; ssci_GET_request keeps no other state and is reentrant.
+// registered name. The name server's address is set at start-up
+// (ssci_nameserver_init, main thread; requests may already arrive) under the
+// client's own lock; ssci_GET_request keeps no other state and is reentrant.
 #ifndef MANAGER_SVC_SSCI_CLIENT_H
 #define MANAGER_SVC_SSCI_CLIENT_H
 
