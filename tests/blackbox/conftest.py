@@ -30,3 +30,13 @@ def pytest_runtest_makereport(item, call):
     outcome = yield
     report = outcome.get_result()
     setattr(item, "rep_" + report.when, report)
+
+
+@pytest.fixture
+def clean_exit(sandbox):
+    """After the test, stops every daemon of the sandbox with SIGTERM and
+    requires exit status 0 (a sanitizer report changes it)."""
+    yield
+    for daemon in sandbox.daemons:
+        status = daemon.stop()
+        assert status == 0, daemon.stderr_text()[-4000:]

@@ -22,6 +22,9 @@ REFUSED = b'{ "return": -1 }'
 
 RECORD = '#!/bin/sh\necho "$0 $*" >> ' + CALLS + "\n"
 
+# Every daemon of a test must stop with status 0 (no sanitizer report).
+pytestmark = pytest.mark.usefixtures("clean_exit")
+
 
 def start_with_scripts(sandbox, script=RECORD):
     for path in (SERVICES_SCRIPT, FDR_SCRIPT):

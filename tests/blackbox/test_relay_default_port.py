@@ -25,6 +25,9 @@ REPLY_LIMIT = 1024 * 1024
 # caller much longer than that.
 SILENT_BOUND = 12
 
+# Every daemon of a test must stop with status 0 (no sanitizer report).
+pytestmark = pytest.mark.usefixtures("clean_exit")
+
 
 def default_port_free():
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
