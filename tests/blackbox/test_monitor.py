@@ -55,6 +55,7 @@ def test_health_status_lists_services_in_name_order(daemon):
     (SVCMON, "method=get_history&name=", b'{ "return": -6 }'),
     (SVCMON, "method=get_history&name=nobody", b'{ "return": -2 }'),
     (SVCMON, "method=get_history&name=" + "n" * 3000, b'{ "return": -2 }'),
+    (SVCMON + "/", "method=get_health_status", b'{ "return": -4 }'),
     (SVCMON + "/other", "method=get_health_status", b'{ "return": -4 }'),
     (SVCMON + "/we", "method=get_health_status", b'{ "return": -4 }'),
     (SVCMON + "/x/web", "", b'{ "return": -4 }'),
