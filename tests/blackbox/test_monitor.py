@@ -128,3 +128,20 @@ def test_history_of_a_flooding_service_is_cut_off(daemon):
     assert daemon.wait_stderr("proc_get_history() do_curl_GET_request = 3\n")
     assert daemon.alive()
 
+
+
+def test_daemon_exits_cleanly_after_every_kind_of_monitor_request(sandbox):
+    sandbox.write("/www/index.html", b"page")
+    daemon = sandbox.start("-v", "2", "-D", "/www/").wait_ready()
+    with FakePeer(answer(200, b'{"a": [1, {"b": null}]}')) as peer:
+        register(daemon, "svcA", peer.port)
+        register(daemon, "svcB", free_port())
+        assert json.loads(history(daemon, "svcA").body)["return"] == 0
+        assert history(daemon, "svcB").body == b'{ "return": -5 }'
+    monitor(daemon, "method=get_health_status")
+    monitor(daemon, "")
+    assert daemon.request("GET", "/managerService/svcmon/web/index.html").body == b"page"
+    assert daemon.request("GET", "/managerService/svcmon/web/none.js").status == 404
+    assert daemon.request("GET", "/managerService/svcmon/web").status == 302
+    # Sanitizer builds report leaks and errors through the exit status.
+    assert daemon.stop() == 0
