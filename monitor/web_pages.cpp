@@ -55,22 +55,20 @@ bool inside_directory(const std::string& directory, const std::string& path) {
            path[directory.size()] == '/';
 }
 
-// Appends up to `size` bytes of the open file to `body`; a read error ends
-// the reading like the end of the file.
+// Reads up to `size` bytes of the open file straight into `body`, in one
+// read unless the system hands out less; a read error ends the reading
+// like the end of the file, keeping what was read.
 void read_whole_file(int fd, long long size, std::string& body) {
-    body.reserve(static_cast<std::size_t>(size));
-    char chunk[16384];
-    long long left = size;
-    while (left > 0) {
-        std::size_t want = left < static_cast<long long>(sizeof chunk)
-                               ? static_cast<std::size_t>(left) : sizeof chunk;
-        ssize_t got = read(fd, chunk, want);
+    body.resize(static_cast<std::size_t>(size));
+    std::size_t done = 0;
+    while (done < body.size()) {
+        ssize_t got = read(fd, &body[done], body.size() - done);
         if (got <= 0) {
-            return;
+            break;
         }
-        body.append(chunk, static_cast<std::size_t>(got));
-        left -= got;
+        done += static_cast<std::size_t>(got);
     }
+    body.resize(done);
 }
 
 // Opens the file for serving: a regular file of at most WEB_MAX_FILE_SIZE
