@@ -8,7 +8,7 @@ PACKAGES="
 build-essential cmake pkg-config git
 libmicrohttpd-dev libjson-c-dev libcurl4-openssl-dev
 googletest libgtest-dev libgmock-dev
-python3 python3-pytest curl wrk
+python3 python3-pytest curl wrk chromium
 util-linux mount procps
 "
 
