@@ -303,6 +303,15 @@ TEST_F(ServerTest, BodyOverTheLimitGets413WithoutTheHandler) {
     EXPECT_EQ(ask(request_text("GET", "/echo")).status, 200);
 }
 
+// An unannounced body is thrown away up to a bound; a sender that goes on
+// far past it is cut off without an answer.
+TEST_F(ServerTest, EndlessChunkedBodyIsCutOff) {
+    const std::string endless(SSCI_MAX_REQUEST_BODY + 2 * 1024 * 1024, 'x');
+    http_reply reply = ask(chunked_request("/echo", endless));
+    EXPECT_EQ(reply.status, 0);
+    EXPECT_EQ(ask(request_text("GET", "/echo")).status, 200);
+}
+
 TEST_F(ServerTest, FailingHandlerGets500AndServerGoesOn) {
     EXPECT_EQ(ask(request_text("GET", "/throws")).status, 500);
     EXPECT_EQ(ask(request_text("GET", "/null")).status, 500);
