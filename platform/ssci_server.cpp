@@ -7,7 +7,6 @@
 // request's state and the read-only resource table.
 #include "platform/ssci_server.h"
 
-#include <fcntl.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
