@@ -1,0 +1,118 @@
+// lifecycle.cpp - start-up and shutdown of the daemon.
+// g_exit_flag is the only state shared with the signal handler: a lock-free
+// one-byte atomic, set by the handler and read by the main loop.
+// Everything else here runs on the main thread.
+#include "main/lifecycle.h"
+
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+
+#include "main/print_log.h"
+#include "main/settings.h"
+#include "monitor/svcmon_handler.h"
+#include "platform/diagnosis.h"
+#include "platform/ssci_client.h"
+#include "platform/ssci_server.h"
+#include "registry/svc_info_map.h"
+
+namespace {
+
+std::atomic<bool> g_exit_flag{false};  // set by signal_handler, read by wait_for_stop
+static_assert(std::atomic<bool>::is_always_lock_free, "the stop flag must be signal-safe");
+
+// The first and fifth arguments of the server creation, and the name server.
+constexpr const char SERVER_HOST[] = "localhost";
+constexpr const char NAME_SERVER_HOST[] = "localhost";
+constexpr int NAME_SERVER_PORT = 10182;
+
+constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
+constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT, SIGTRAP};
+
+// "recv sig=N\n" into `out` without stdio (safe inside a signal handler).
+std::size_t format_signal_line(char* out, std::size_t size, int sig) {
+    static const char prefix[] = "recv sig=";
+    std::size_t length = 0;
+    for (const char* c = prefix; *c != '\0' && length < size; ++c) {
+        out[length++] = *c;
+    }
+    char digits[12];
+    std::size_t count = 0;
+    unsigned value = sig < 0 ? 0u - static_cast<unsigned>(sig) : static_cast<unsigned>(sig);
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    if (sig < 0 && length < size) {
+        out[length++] = '-';
+    }
+    while (count > 0 && length < size) {
+        out[length++] = digits[--count];
+    }
+    if (length < size) {
+        out[length++] = '\n';
+    }
+    return length;
+}
+
+// Ends start-up or shutdown after a server-library failure.
+[[noreturn]] void exit_on_server_failure(const char* step, long long result) {
+    debug_log("%s failed, ret=[%lld] exit.", step, result);
+    exit(EXIT_FAILURE);
+}
+
+void require_server_success(const char* step, long long result) {
+    if (result != 0) {
+        exit_on_server_failure(step, result);
+    }
+}
+
+}  // namespace
+
+void signal_handler(int sig) {
+    if (verbose_level >= static_cast<int>(ERR)) {
+        char line[32];
+        std::size_t length = format_signal_line(line, sizeof line, sig);
+        ssize_t ignored = write(STDERR_FILENO, line, length);
+        (void)ignored;
+    }
+    g_exit_flag.store(true);
+}
+
+void register_signal_handlers() {
+    print_log(WARN, "%s()\n", "register_signal_handler");
+    for (int sig : STOP_SIGNALS) {
+        signal(sig, signal_handler);
+    }
+    for (int sig : CRASH_SIGNALS) {
+        diagnosis_com_install_siganl_handler(sig, PROGRAM_NAME, nullptr);
+    }
+}
+
+void server_init(const char* listen_addrs, int listen_port, int listener_threads,
+                 const char* web_home_path, int /* monitor_period: not used yet */) {
+    svcmon_set_home_path(web_home_path);
+    svc_info_init();
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    require_server_success("ssci_server_create",
+                           ssci_server_create(SERVER_HOST, listen_addrs, listen_port,
+                                              listener_threads, SERVER_HOST, 0, true, 0, ""));
+    require_server_success("ssci_server_start", ssci_server_start());
+    ssci_nameserver_init(NAME_SERVER_HOST, NAME_SERVER_PORT);
+}
+
+void wait_for_stop() {
+    while (!g_exit_flag.load()) {
+        sleep(1);
+    }
+}
+
+void server_uninit() {
+    require_server_success("ssci_server_stop", ssci_server_stop());
+    require_server_success("ssci_server_destory", ssci_server_destory());
+    svc_info_uninit();
+    curl_global_cleanup();
+}
