@@ -7,6 +7,7 @@
 #ifndef MANAGER_SVC_COMMON_HTTP_RESOURCE_H
 #define MANAGER_SVC_COMMON_HTTP_RESOURCE_H
 
+#include <array>
 #include <memory>
 #include <string>
 
@@ -33,10 +34,8 @@ public:
 
 private:
     std::string path;
-    http_handler get;
-    http_handler post;
-    http_handler put;
-    http_handler del;
+    // The handlers in the order GET, POST, PUT, DELETE.
+    std::array<http_handler, 4> handlers;
 };
 
 // The resource whose path is the request path or lies above it (the longest

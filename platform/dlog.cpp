@@ -27,18 +27,6 @@ constexpr mode_t LOG_FILE_MODE = 0644;
 
 std::mutex rotation_lock;  // guards the check-rotate-append sequence
 
-// Creates every missing directory above the file named by `path`.
-void make_parent_dirs(const char* path) {
-    std::string dirs(path);
-    for (std::size_t slash = dirs.find('/', 1); slash != std::string::npos;
-         slash = dirs.find('/', slash + 1)) {
-        std::string dir = dirs.substr(0, slash);
-        if (mkdir(dir.c_str(), LOG_DIR_MODE) != 0 && errno != EEXIST) {
-            return;
-        }
-    }
-}
-
 // "2026-11-23 10:04:05.123 manager_svc[42]: " into `out`; returns its length.
 int format_record_prefix(char* out, std::size_t size) {
     struct timeval now;
@@ -69,7 +57,7 @@ void rotate_if_full(const char* path, int size_limit, std::size_t incoming) {
 int append_record(const char* path, const char* record, std::size_t length) {
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, LOG_FILE_MODE);
     if (fd < 0) {
-        make_parent_dirs(path);
+        dlog_make_parent_dirs(path);
         fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, LOG_FILE_MODE);
     }
     if (fd < 0) {
@@ -81,6 +69,18 @@ int append_record(const char* path, const char* record, std::size_t length) {
 }
 
 }  // namespace
+
+extern "C" int dlog_make_parent_dirs(const char* path) {
+    std::string dirs(path);
+    for (std::size_t slash = dirs.find('/', 1); slash != std::string::npos;
+         slash = dirs.find('/', slash + 1)) {
+        std::string dir = dirs.substr(0, slash);
+        if (mkdir(dir.c_str(), LOG_DIR_MODE) != 0 && errno != EEXIST) {
+            return -1;
+        }
+    }
+    return 0;
+}
 
 extern "C" int log_File_Debug_s(const char* path, int size_limit, const char* format, ...) {
     char record[MAX_RECORD];

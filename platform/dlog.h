@@ -10,6 +10,12 @@ extern "C" {
 // Returns 0, or -1 when the record could not be written.
 int log_File_Debug_s(const char* path, int size_limit, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+
+// Creates every missing directory above the file named by `path`, as the
+// first record would. For callers that must later open the file where
+// creating directories is not allowed (a crash handler).
+// Returns 0, or -1 when a directory could not be made.
+int dlog_make_parent_dirs(const char* path);
 }
 
 #endif

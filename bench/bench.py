@@ -1,0 +1,151 @@
+#!/usr/bin/env python3
+"""Benchmarks of manager_svc, printed as figures (never asserted).
+
+Measured in one run, interleaved round by round so that both sides see the
+same machine: requests per second of the daemon against the bare
+libmicrohttpd anchor (bench/anchor_server.c) serving the very same reply
+bytes with the same thread pool; the time per registration with 10, 100 and
+1000 services registered; idle memory of both.
+
+usage: bench/bench.py [--build DIR] [--seconds S] [--rounds N] [--threads T]
+The daemon runs in the test sandbox (its registry file and marker stay off
+the host). Needs wrk, and root for the sandbox.
+"""
+import argparse
+import json
+import os
+import re
+import statistics
+import subprocess
+import sys
+import tempfile
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
+
+REGISTER_SCRIPT = """
+counter = 0
+request = function()
+  counter = counter + 1
+  local body = string.format(
+    '{"method":"register","name":"bench%d","ip":"10.1.1.1","port":%d}', counter % 50, counter)
+  return wrk.format("POST", "/managerService/svcmgr", {["Content-Type"]="application/json"}, body)
+end
+"""
+
+
+def wrk(port, path, connections, seconds, script=None):
+    """Requests per second that wrk reaches; fails loudly on socket errors."""
+    threads = min(2, connections)
+    command = ["wrk", f"-t{threads}", f"-c{connections}", f"-d{seconds}s"]
+    if script:
+        command += ["-s", script]
+    command.append(f"http://127.0.0.1:{port}{path}")
+    out = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    if "Non-2xx" in out or "Socket errors" in out:
+        print(out, file=sys.stderr)
+    return float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
+
+
+def rss_kib(pid):
+    with open(f"/proc/{pid}/status") as status:
+        return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+
+
+class Anchor:
+    """The bare server, serving `body` with `content_type`."""
+
+    def __init__(self, build, threads, body, content_type):
+        from harness import free_port
+        self.port = free_port()
+        self.body_file = tempfile.NamedTemporaryFile(delete=False)
+        self.body_file.write(body)
+        self.body_file.close()
+        self.proc = subprocess.Popen([os.path.join(build, "bench", "anchor_server"),
+                                      str(self.port), str(threads), self.body_file.name,
+                                      content_type])
+        from harness import port_answers, wait_for
+        assert wait_for(lambda: port_answers(self.port), 5), "anchor did not start"
+
+    def close(self):
+        self.proc.terminate()
+        self.proc.wait()
+        os.unlink(self.body_file.name)
+
+
+def compare(daemon, anchor, path, connections, seconds, rounds):
+    """Median requests/s of daemon and anchor over interleaved rounds."""
+    ours, theirs = [], []
+    for _ in range(rounds):
+        ours.append(wrk(daemon.port, path, connections, seconds))
+        theirs.append(wrk(anchor.port, path, connections, seconds))
+    return statistics.median(ours), statistics.median(theirs)
+
+
+def report_ratio(label, daemon, anchor, path, args):
+    for connections in (32, 128):
+        ours, theirs = compare(daemon, anchor, path, connections, args.seconds, args.rounds)
+        print(f"{label:28} c={connections:<4} daemon {ours:10.0f} req/s   "
+              f"anchor {theirs:10.0f} req/s   ratio {ours / theirs:.2f}")
+
+
+def register_many(daemon, count, prefix="svc"):
+    for index in range(count):
+        body = json.dumps({"method": "register", "name": f"{prefix}{index:04d}",
+                           "ip": f"10.0.{index // 250}.{index % 250}", "port": 10000 + index})
+        assert daemon.request("POST", "/managerService/svcmgr", body).status == 200
+
+
+def registration_cost(sandbox_factory, args, script):
+    """Microseconds per registration (each one an update that rewrites the
+    registry file) with 10, 100 and 1000 services registered."""
+    costs = {}
+    for size in (10, 100, 1000):
+        daemon = sandbox_factory().start("-t", str(args.threads)).wait_ready()
+        register_many(daemon, size)
+        rps = wrk(daemon.port, "/managerService/svcmgr", 1, args.seconds, script)
+        costs[size] = 1e6 / rps
+        daemon.stop()
+    for size, cost in costs.items():
+        print(f"registration with {size:5} services: {cost:8.1f} us  "
+              f"({cost / costs[10]:.2f}x the cost at 10)")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
+    parser.add_argument("--seconds", type=int, default=5)
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--threads", type=int, default=10)
+    args = parser.parse_args()
+    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
+    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
+    from harness import Sandbox
+
+    sandboxes = []
+
+    def new_sandbox():
+        sandboxes.append(Sandbox("bench"))
+        return sandboxes[-1]
+
+    try:
+        daemon = new_sandbox().start("-t", str(args.threads)).wait_ready()
+        register_many(daemon, 1)
+        path = "/managerService/svcmgr?method=get_info&name=svc0000"
+        reply = daemon.request("GET", path)
+        anchor = Anchor(args.build, args.threads, reply.body, "application/json")
+        print(f"idle RSS: daemon {rss_kib(daemon.pid)} KiB, anchor {rss_kib(anchor.proc.pid)} KiB")
+        report_ratio("get_info", daemon, anchor, path, args)
+        anchor.close()
+        daemon.stop()
+        with tempfile.NamedTemporaryFile("w", suffix=".lua", delete=False) as script:
+            script.write(REGISTER_SCRIPT)
+        registration_cost(new_sandbox, args, script.name)
+        os.unlink(script.name)
+    finally:
+        for box in sandboxes:
+            box.cleanup()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,90 @@
+// httpserver.cpp - the request and response objects that handlers see, and
+// how a response becomes a libmicrohttpd response.
+// No shared state: a request belongs to the listener thread that handles it,
+// a response to the one request that made it. A string_response hands its
+// body to libmicrohttpd without a copy, so the server keeps the response
+// object alive until the request is complete.
+#include "platform/httpserver.h"
+
+#include <microhttpd.h>
+#include <strings.h>
+
+#include <utility>
+
+namespace httpserver {
+
+bool header_less::operator()(const std::string& a, const std::string& b) const {
+    return strcasecmp(a.c_str(), b.c_str()) < 0;
+}
+
+namespace {
+
+// The value stored under `key`, or the empty text.
+template <typename Map>
+std::string value_or_empty(const Map& map, const std::string& key) {
+    auto found = map.find(key);
+    return found == map.end() ? std::string() : found->second;
+}
+
+}  // namespace
+
+http_request::http_request(std::string method_name, std::string request_path,
+                           arg_map query_args, header_map request_headers,
+                           std::string request_content)
+    : method(std::move(method_name)),
+      path(std::move(request_path)),
+      args(std::move(query_args)),
+      headers(std::move(request_headers)),
+      content(std::move(request_content)) {}
+
+std::string http_request::get_arg(const std::string& key) const {
+    return value_or_empty(args, key);
+}
+
+std::string http_request::get_header(const std::string& key) const {
+    return value_or_empty(headers, key);
+}
+
+http_response::http_response(int code, const std::string& content_type)
+    : response_code(code) {
+    if (!content_type.empty()) {
+        headers[http::http_utils::http_header_content_type] = content_type;
+    }
+}
+
+http_response::~http_response() = default;
+
+MHD_Response* http_response::get_raw_response() {
+    return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+}
+
+void http_response::decorate_response(MHD_Response* raw) {
+    for (const auto& header : headers) {
+        MHD_add_response_header(raw, header.first.c_str(), header.second.c_str());
+    }
+}
+
+int http_response::enqueue_response(MHD_Connection* connection, MHD_Response* raw) {
+    return MHD_queue_response(connection, static_cast<unsigned>(response_code), raw);
+}
+
+std::string http_response::get_header(const std::string& key) const {
+    return value_or_empty(headers, key);
+}
+
+http_response& http_response::with_header(const std::string& key, const std::string& value) {
+    headers[key] = value;
+    return *this;
+}
+
+string_response::string_response(std::string body, int code, const std::string& content_type)
+    : http_response(code, content_type), content(std::move(body)) {}
+
+// The body is lent, not copied: the server holds this object until the
+// request is complete.
+MHD_Response* string_response::get_raw_response() {
+    return MHD_create_response_from_buffer(content.size(), const_cast<char*>(content.data()),
+                                           MHD_RESPMEM_PERSISTENT);
+}
+
+}  // namespace httpserver

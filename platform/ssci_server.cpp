@@ -1,0 +1,349 @@
+// ssci_server.cpp - the service-bus server: the listen socket, the
+// libmicrohttpd daemon with its pool of listener threads, and the dispatch
+// of every request to the common_http_resource that covers its path.
+// The lifecycle calls (create, start, stop, destory) come from the main
+// thread; lifecycle_lock guards g_server against any other caller. The
+// request callbacks run on the listener threads and touch only their own
+// request's state and the read-only resource table.
+#include "platform/ssci_server.h"
+
+#include <fcntl.h>
+#include <microhttpd.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "platform/common_http_resource.h"
+#include "platform/httpserver.h"
+
+namespace {
+
+using httpserver::http::http_utils;
+
+constexpr int MAX_PORT = 65535;
+constexpr int MAX_THREADS = 64;
+// A connection that sends or accepts nothing for this long is dropped.
+constexpr unsigned CONNECTION_IDLE_SECONDS = 10;
+// Open connections at once, over all listener threads.
+constexpr unsigned CONNECTION_LIMIT = 512;
+// Bytes of an over-long body (sent without a Content-Length) that are read
+// and thrown away before the 413; past this the connection is closed.
+constexpr std::size_t MAX_DISCARDED_BODY = 1024 * 1024;
+constexpr unsigned DAEMON_FLAGS = MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO;
+
+// The server's own plain-text answers.
+struct plain_reply {
+    unsigned status;
+    const char* text;
+};
+constexpr plain_reply NOT_FOUND = {MHD_HTTP_NOT_FOUND, "404 Not Found"};
+constexpr plain_reply METHOD_NOT_ALLOWED = {MHD_HTTP_METHOD_NOT_ALLOWED, "405 Method Not Allowed"};
+constexpr plain_reply BODY_TOO_LARGE = {MHD_HTTP_CONTENT_TOO_LARGE, "413 Content Too Large"};
+constexpr plain_reply HANDLER_FAILED = {MHD_HTTP_INTERNAL_SERVER_ERROR, "500 Internal Server Error"};
+
+enum class server_phase { absent, created, running };
+
+struct server_state {
+    server_phase phase = server_phase::absent;
+    int listen_fd = -1;  // owned by us, also while the daemon runs
+    unsigned thread_count = 0;
+    MHD_Daemon* daemon = nullptr;
+};
+
+std::mutex lifecycle_lock;  // guards g_server
+server_state g_server;      // guarded by lifecycle_lock
+
+// What one request has gathered between libmicrohttpd's calls; made on
+// the first call, freed when the request is complete.
+struct request_state {
+    http_handler handler = nullptr;
+    const common_http_resource* resource = nullptr;
+    const plain_reply* refusal = nullptr;  // 404 or 405, sent once the body is read
+    std::size_t body_received = 0;
+    std::string body;
+    std::shared_ptr<httpserver::http_response> response;  // lends its body to MHD
+};
+
+struct raw_response_deleter {
+    void operator()(MHD_Response* raw) const { MHD_destroy_response(raw); }
+};
+using raw_response_ptr = std::unique_ptr<MHD_Response, raw_response_deleter>;
+
+MHD_Result queue_plain(MHD_Connection* connection, const plain_reply& reply,
+                       const char* allow = nullptr) {
+    raw_response_ptr raw(MHD_create_response_from_buffer(
+        strlen(reply.text), const_cast<char*>(reply.text), MHD_RESPMEM_PERSISTENT));
+    if (!raw) {
+        return MHD_NO;
+    }
+    MHD_add_response_header(raw.get(), http_utils::http_header_content_type.c_str(),
+                            http_utils::text_plain.c_str());
+    if (allow != nullptr) {
+        MHD_add_response_header(raw.get(), http_utils::http_header_allow.c_str(), allow);
+    }
+    return MHD_queue_response(connection, reply.status, raw.get());
+}
+
+// Keeps the first value of each key; a key without a value gets "".
+template <typename Map>
+MHD_Result add_first_value(void* cls, MHD_ValueKind, const char* key, const char* value) {
+    if (key == nullptr) {
+        return MHD_YES;
+    }
+    try {
+        static_cast<Map*>(cls)->emplace(key, value == nullptr ? "" : value);
+    } catch (...) {
+        return MHD_NO;
+    }
+    return MHD_YES;
+}
+
+template <typename Map>
+Map collect_values(MHD_Connection* connection, MHD_ValueKind kind) {
+    Map values;
+    MHD_get_connection_values(connection, kind, add_first_value<Map>, &values);
+    return values;
+}
+
+bool declared_body_too_large(MHD_Connection* connection) {
+    const char* length =
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    return length != nullptr && strtoull(length, nullptr, 10) > SSCI_MAX_REQUEST_BODY;
+}
+
+// First call: headers are in. Decides 404 / 405 now, but answers them
+// after the body so the client is not cut off while still sending. A
+// declared over-long body is refused at once, before it is sent.
+MHD_Result begin_request(MHD_Connection* connection, const char* url, const char* method,
+                         void** con_cls) {
+    auto* state = new (std::nothrow) request_state;
+    if (state == nullptr) {
+        return MHD_NO;
+    }
+    *con_cls = state;
+    if (declared_body_too_large(connection)) {
+        return queue_plain(connection, BODY_TOO_LARGE);
+    }
+    state->resource = find_http_resource(url);
+    if (state->resource == nullptr) {
+        state->refusal = &NOT_FOUND;
+        return MHD_YES;
+    }
+    state->handler = state->resource->handler_for(method);
+    if (state->handler == nullptr) {
+        state->refusal = &METHOD_NOT_ALLOWED;
+    }
+    return MHD_YES;
+}
+
+// Keeps the body while it fits the limit and a handler wants it; drops it
+// otherwise, and gives up on a sender that goes on far past the limit.
+MHD_Result take_body(request_state* state, const char* data, size_t* size) {
+    state->body_received += *size;
+    if (state->body_received > SSCI_MAX_REQUEST_BODY + MAX_DISCARDED_BODY) {
+        return MHD_NO;
+    }
+    if (state->body_received > SSCI_MAX_REQUEST_BODY) {
+        std::string().swap(state->body);
+    } else if (state->handler != nullptr) {
+        state->body.append(data, *size);
+    }
+    *size = 0;
+    return MHD_YES;
+}
+
+MHD_Result send_response(MHD_Connection* connection, request_state* state,
+                         std::shared_ptr<httpserver::http_response> response) {
+    raw_response_ptr raw(response->get_raw_response());
+    if (!raw) {
+        return queue_plain(connection, HANDLER_FAILED);
+    }
+    response->decorate_response(raw.get());
+    state->response = std::move(response);
+    return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
+}
+
+MHD_Result call_handler(MHD_Connection* connection, const char* url, const char* method,
+                        request_state* state) {
+    try {
+        httpserver::http_request request(
+            method, url, collect_values<httpserver::arg_map>(connection, MHD_GET_ARGUMENT_KIND),
+            collect_values<httpserver::header_map>(connection, MHD_HEADER_KIND),
+            std::move(state->body));
+        std::shared_ptr<httpserver::http_response> response = state->handler(request);
+        if (!response) {
+            return queue_plain(connection, HANDLER_FAILED);
+        }
+        return send_response(connection, state, std::move(response));
+    } catch (...) {
+        return queue_plain(connection, HANDLER_FAILED);
+    }
+}
+
+MHD_Result finish_request(MHD_Connection* connection, const char* url, const char* method,
+                          request_state* state) {
+    if (state->body_received > SSCI_MAX_REQUEST_BODY) {
+        return queue_plain(connection, BODY_TOO_LARGE);
+    }
+    if (state->refusal == &METHOD_NOT_ALLOWED) {
+        return queue_plain(connection, METHOD_NOT_ALLOWED,
+                           state->resource->allowed_methods().c_str());
+    }
+    if (state->refusal != nullptr) {
+        return queue_plain(connection, *state->refusal);
+    }
+    return call_handler(connection, url, method, state);
+}
+
+MHD_Result on_request(void*, MHD_Connection* connection, const char* url, const char* method,
+                      const char*, const char* upload_data, size_t* upload_data_size,
+                      void** con_cls) {
+    try {
+        if (*con_cls == nullptr) {
+            return begin_request(connection, url, method, con_cls);
+        }
+        auto* state = static_cast<request_state*>(*con_cls);
+        if (*upload_data_size != 0) {
+            return take_body(state, upload_data, upload_data_size);
+        }
+        return finish_request(connection, url, method, state);
+    } catch (...) {
+        return MHD_NO;
+    }
+}
+
+void on_completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+    delete static_cast<request_state*>(*con_cls);
+    *con_cls = nullptr;
+}
+
+// "localhost" and other names may give IPv4 and IPv6 addresses; IPv4 is
+// preferred, so "localhost" listens on 127.0.0.1.
+const addrinfo* preferred_address(const addrinfo* list) {
+    for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+        if (entry->ai_family == AF_INET) {
+            return entry;
+        }
+    }
+    return list;
+}
+
+long long bind_and_listen(const addrinfo* address, int* listen_fd) {
+    int fd = socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return -errno;
+    }
+    const int on = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(fd, address->ai_addr, address->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+        const long long status = -errno;
+        close(fd);
+        return status;
+    }
+    *listen_fd = fd;
+    return SSCI_STATUS_OK;
+}
+
+long long open_listen_socket(const char* host, int port, int* listen_fd) {
+    char service[8];
+    snprintf(service, sizeof service, "%d", port);
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host, service, &hints, &list) != 0 || list == nullptr) {
+        return SSCI_STATUS_NO_ADDRESS;
+    }
+    const long long status = bind_and_listen(preferred_address(list), listen_fd);
+    freeaddrinfo(list);
+    return status;
+}
+
+}  // namespace
+
+// The first and fifth to ninth parameters belong to the device library's
+// name-server set-up; this server has no use for them.
+long long ssci_server_create(const char*, const char* ip_addrs, int port, int thread_no,
+                             const char*, int, bool, int, std::string) {
+    std::lock_guard<std::mutex> hold(lifecycle_lock);
+    if (g_server.phase != server_phase::absent) {
+        return SSCI_STATUS_OUT_OF_ORDER;
+    }
+    if (ip_addrs == nullptr || port < 1 || port > MAX_PORT || thread_no < 1 ||
+        thread_no > MAX_THREADS) {
+        return SSCI_STATUS_BAD_ARGUMENT;
+    }
+    // A client that goes away while we write must not end the process.
+    signal(SIGPIPE, SIG_IGN);
+    int fd = -1;
+    const long long status = open_listen_socket(ip_addrs, port, &fd);
+    if (status != SSCI_STATUS_OK) {
+        return status;
+    }
+    g_server.phase = server_phase::created;
+    g_server.listen_fd = fd;
+    g_server.thread_count = static_cast<unsigned>(thread_no);
+    return SSCI_STATUS_OK;
+}
+
+long long ssci_server_start() {
+    std::lock_guard<std::mutex> hold(lifecycle_lock);
+    if (g_server.phase != server_phase::created || g_server.listen_fd < 0) {
+        return SSCI_STATUS_OUT_OF_ORDER;
+    }
+    // One listener thread runs without a pool.
+    const unsigned pool_size = g_server.thread_count > 1 ? g_server.thread_count : 0;
+    MHD_OptionItem options[] = {
+        {MHD_OPTION_LISTEN_SOCKET, g_server.listen_fd, nullptr},
+        {MHD_OPTION_THREAD_POOL_SIZE, pool_size, nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, CONNECTION_IDLE_SECONDS, nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, CONNECTION_LIMIT, nullptr},
+        {MHD_OPTION_END, 0, nullptr},
+    };
+    g_server.daemon = MHD_start_daemon(DAEMON_FLAGS, 0, nullptr, nullptr, on_request, nullptr,
+                                       MHD_OPTION_ARRAY, options, MHD_OPTION_NOTIFY_COMPLETED,
+                                       on_completed, nullptr, MHD_OPTION_END);
+    if (g_server.daemon == nullptr) {
+        return SSCI_STATUS_START_FAILED;
+    }
+    g_server.phase = server_phase::running;
+    return SSCI_STATUS_OK;
+}
+
+// Takes the listen socket back from libmicrohttpd first, so that stopping
+// the daemon leaves it open: the server may start again, and destory
+// closes it.
+long long ssci_server_stop() {
+    std::lock_guard<std::mutex> hold(lifecycle_lock);
+    if (g_server.phase != server_phase::running) {
+        return SSCI_STATUS_OUT_OF_ORDER;
+    }
+    if (MHD_quiesce_daemon(g_server.daemon) != g_server.listen_fd) {
+        g_server.listen_fd = -1;  // MHD_stop_daemon closes it
+    }
+    MHD_stop_daemon(g_server.daemon);
+    g_server.daemon = nullptr;
+    g_server.phase = server_phase::created;
+    return SSCI_STATUS_OK;
+}
+
+long long ssci_server_destory() {
+    std::lock_guard<std::mutex> hold(lifecycle_lock);
+    if (g_server.phase != server_phase::created) {
+        return SSCI_STATUS_OUT_OF_ORDER;
+    }
+    if (g_server.listen_fd >= 0) {
+        close(g_server.listen_fd);
+    }
+    g_server = server_state{};
+    return SSCI_STATUS_OK;
+}

@@ -1,0 +1,346 @@
+// svc_info_map.cpp - the registry of the device's services (service_info_map)
+// and the registry file that keeps it across restarts.
+// Owns: service_info_map and every svc_info in it, guarded by
+// service_info_lock; the registry file, whose rewrites are serialised by
+// write_back_lock.
+// Threads: the listener threads call add, get, delete and list (several at
+// once); the main thread calls init before the server exists and uninit
+// after it is gone.
+// Lock order: write_back_lock before service_info_lock, never the reverse.
+// Neither lock is held on return from any function of this module.
+#include "registry/svc_info_map.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "main/device_paths.h"
+#include "main/print_log.h"
+
+namespace {
+
+// The bare source name that the location lines carry.
+constexpr const char SOURCE_NAME[] = "svc_info_map.cpp";
+
+// The fixed line numbers that the location lines carry.
+constexpr int DESTROY_LINE = 45;
+constexpr int DESTROY_ENTRY_LINE = 52;
+constexpr int RESTORE_LINE = 64;
+constexpr int RESTORE_READLINE_LINE = 74;
+constexpr int RESTORE_MISSING_LINE = 97;
+constexpr int WRITE_BACK_LINE = 103;
+constexpr int WRITE_BACK_OPENED_LINE = 108;
+constexpr int WRITE_BACK_ENTRY_LINE = 116;
+constexpr int WRITE_BACK_FOPEN_ERROR_LINE = 123;
+constexpr int INIT_LINE = 129;
+constexpr int UNINIT_LINE = 136;
+
+// One registry-file line: at most LINE_LIMIT - 1 = 126 characters plus the
+// terminating zero, in a buffer of LINE_BUFFER_SIZE bytes.
+constexpr std::size_t LINE_BUFFER_SIZE = 128;
+constexpr int LINE_LIMIT = 127;
+// Characters that end a field of a registry-file line.
+constexpr const char FIELD_SEPARATORS[] = ",\n";
+constexpr int FIELDS_PER_LINE = 3;
+constexpr int PORT_BASE = 10;
+
+// Names are compared byte by byte as unsigned bytes, the shorter prefix
+// first, whatever the signedness of char on the target (char_traits<char>
+// already compares this way; the comparator states it).
+struct name_order {
+    bool operator()(const std::string& left, const std::string& right) const {
+        std::size_t common = left.size() < right.size() ? left.size() : right.size();
+        int order = memcmp(left.data(), right.data(), common);
+        return order != 0 ? order < 0 : left.size() < right.size();
+    }
+};
+
+using registry_map = std::map<std::string, std::unique_ptr<svc_info>, name_order>;
+
+// The registry; guarded by service_info_lock.
+registry_map service_info_map;
+// Guards service_info_map and every record in it; constant-initialised, so
+// usable before any constructor has run.
+std::mutex service_info_lock;
+// Serialises whole rewrites of the registry file, from fopen to fclose, so
+// that two overlapping write-backs never interleave in the file: the file
+// always holds the snapshot of the write-back that ran last. Taken before
+// service_info_lock; a lock of its own keeps readers of the registry free
+// while the file is opened and closed.
+std::mutex write_back_lock;
+
+bool same_address(const svc_info& stored, const svc_info& info) {
+    return stored.ip == info.ip && stored.port == info.port;
+}
+
+// Enters a new record for an absent name. The map is changed first, so
+// running out of memory (std::bad_alloc, passed on to the caller with the
+// lock released) leaves it as it was and logs nothing.
+void add_new_entry(const std::string& name, const svc_info& info) {
+    service_info_map.emplace(name, std::make_unique<svc_info>(info));
+    debug_log("ADD : [%s]=[%s:%d]", name.c_str(), info.ip.c_str(), info.port);
+    print_log(WARN, "    ADD : [%s]=[%s:%d]\n", name.c_str(), info.ip.c_str(), info.port);
+}
+
+// Replaces the stored record's content in place. The copy is made first and
+// then moved in (cannot fail), so the record is never half-updated.
+void update_entry(const std::string& name, svc_info& stored, const svc_info& info) {
+    svc_info fresh = info;
+    debug_log("UPDATE : [%s]=[%s:%d]->[%s:%d]", name.c_str(), stored.ip.c_str(),
+              stored.port, info.ip.c_str(), info.port);
+    print_log(WARN, "    UPDATE : [%s]=[%s:%d]->[%s:%d]\n", name.c_str(),
+              stored.ip.c_str(), stored.port, info.ip.c_str(), info.port);
+    stored = std::move(fresh);
+}
+
+// Adds or updates under the lock; true when the registry changed.
+bool store_entry(const std::string& name, const svc_info& info) {
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    auto found = service_info_map.find(name);
+    if (found == service_info_map.end()) {
+        add_new_entry(name, info);
+        return true;
+    }
+    print_log(WARN, "Already exists, check content : %s\n", name.c_str());
+    if (same_address(*found->second, info)) {
+        print_log(WARN, "    Identical content, do nothing\n");
+        return false;
+    }
+    update_entry(name, *found->second, info);
+    return true;
+}
+
+// Removes the entry under the lock; 0 or SVC_INFO_NO_SUCH_NAME.
+int remove_entry(const std::string& name) {
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    auto found = service_info_map.find(name);
+    if (found == service_info_map.end()) {
+        print_log(WARN, "can not find, delete failed : %s\n", name.c_str());
+        return SVC_INFO_NO_SUCH_NAME;
+    }
+    print_log(DEBUG, "find, do delete : %s\n", name.c_str());
+    service_info_map.erase(found);
+    return SVC_INFO_OK;
+}
+
+// The empty name is never a key; logs the refusal.
+bool name_is_empty(const std::string& name) {
+    if (!name.empty()) {
+        return false;
+    }
+    debug_log("param_name invalid : %s", name.c_str());
+    return true;
+}
+
+// Writes one "name,ip,port" line per entry, in name order, cut at 126
+// characters. Called with service_info_lock held.
+void write_entries(FILE* file) {
+    char line[LINE_BUFFER_SIZE];
+    for (const auto& entry : service_info_map) {
+        memset(line, 0, sizeof line);
+        snprintf(line, LINE_LIMIT, "%s,%s,%d", entry.first.c_str(),
+                 entry.second->ip.c_str(), entry.second->port);
+        fprintf(file, "%s\n", line);
+        print_log(DEBUG, "%s:%s(%d) %s\n", SOURCE_NAME, "svc_info_write_back",
+                  WRITE_BACK_ENTRY_LINE, line);
+    }
+}
+
+// The fields of one registry-file line: the first FIELDS_PER_LINE fields as
+// texts, and how many fields the line held in all.
+struct line_fields {
+    std::string field[FIELDS_PER_LINE];
+    int count = 0;
+};
+
+void keep_field(line_fields& fields, const char* start, std::size_t length) {
+    if (fields.count < FIELDS_PER_LINE) {
+        fields.field[fields.count].assign(start, length);
+    }
+    fields.count++;
+}
+
+// Splits the line at commas and line feeds, dropping empty fields; the text
+// after the last separator, when there is any, is the last field.
+line_fields split_line(const char* line) {
+    line_fields fields;
+    std::size_t position = 0;
+    std::size_t end = strlen(line);
+    while (position < end) {
+        std::size_t length = strcspn(line + position, FIELD_SEPARATORS);
+        if (length > 0) {
+            keep_field(fields, line + position, length);
+        }
+        position += length + 1;
+    }
+    return fields;
+}
+
+// The port field read as strtol does with base 10. The value is clamped to
+// the int range, so that a huge port loads the same on 32-bit ARM (where
+// long is int) as on a 64-bit host.
+int parse_port(const std::string& text) {
+    long value = strtol(text.c_str(), nullptr, PORT_BASE);
+    if (value > INT_MAX) {
+        return INT_MAX;
+    }
+    return value < INT_MIN ? INT_MIN : static_cast<int>(value);
+}
+
+// Loads one line read from the registry file. Called with
+// service_info_lock held. The last line for a name wins.
+void restore_line(const char* line) {
+    print_log(DEBUG, "%s:%s(%d) str_readline=[%s]\n", SOURCE_NAME, "svc_info_restore",
+              RESTORE_READLINE_LINE, line);
+    line_fields fields = split_line(line);
+    if (fields.count != FIELDS_PER_LINE) {
+        debug_log("%s str_readline=[%s] format error.", "svc_info_restore", line);
+        return;
+    }
+    const std::string& name = fields.field[0];
+    print_log(WARN, "    name=[%s], ip=[%s], port=[%s]\n", name.c_str(),
+              fields.field[1].c_str(), fields.field[2].c_str());
+    auto record = std::make_unique<svc_info>();
+    record->ip = fields.field[1];
+    record->port = parse_port(fields.field[2]);
+    service_info_map[name] = std::move(record);
+}
+
+// Reads the open registry file to its end, holding the lock throughout.
+// The buffer is cleared once; fgets ends every piece it reads with a zero,
+// and only the text up to the first zero byte is looked at.
+void restore_from(FILE* file) {
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    char line[LINE_BUFFER_SIZE];
+    memset(line, 0, sizeof line);
+    while (fgets(line, LINE_LIMIT, file) != nullptr) {
+        restore_line(line);
+    }
+}
+
+}  // namespace
+
+int svc_info_add(const std::string& name, const svc_info& info) {
+    if (name_is_empty(name)) {
+        return SVC_INFO_EMPTY_NAME;
+    }
+    if (store_entry(name, info)) {
+        svc_info_write_back();
+    }
+    return SVC_INFO_OK;
+}
+
+int svc_info_get(const std::string& name, svc_info& out) {
+    if (name_is_empty(name)) {
+        return SVC_INFO_EMPTY_NAME;
+    }
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    auto found = service_info_map.find(name);
+    if (found == service_info_map.end()) {
+        debug_log("get info failed : %s", name.c_str());
+        print_log(WARN, "get info failed : %s\n", name.c_str());
+        return SVC_INFO_NO_SUCH_NAME;
+    }
+    print_log(DEBUG, "find, do get info : %s\n", name.c_str());
+    svc_info copy = *found->second;
+    out = std::move(copy);
+    return SVC_INFO_OK;
+}
+
+int svc_info_delete(const std::string& name) {
+    if (name_is_empty(name)) {
+        return SVC_INFO_EMPTY_NAME;
+    }
+    int result = remove_entry(name);
+    if (result == SVC_INFO_OK) {
+        svc_info_write_back();
+    }
+    return result;
+}
+
+// The copies are made into a list of our own first and then moved behind
+// the caller's entries, so running out of memory leaves the caller's list
+// as it was.
+void svc_info_list(svc_info_entry_list& list) {
+    svc_info_entry_list copies;
+    {
+        std::lock_guard<std::mutex> hold(service_info_lock);
+        copies.reserve(service_info_map.size());
+        for (const auto& entry : service_info_map) {
+            const svc_info& record = *entry.second;
+            copies.push_back(std::make_unique<svc_info_entry>(
+                svc_info_entry{entry.first, record.ip, record.port, record.health_status}));
+        }
+    }
+    list.reserve(list.size() + copies.size());
+    for (auto& copy : copies) {
+        list.push_back(std::move(copy));
+    }
+}
+
+void svc_info_list_free(svc_info_entry_list& list) {
+    while (!list.empty()) {
+        list.pop_back();
+    }
+}
+
+void svc_info_init() {
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_init", INIT_LINE);
+    svc_info_restore();
+}
+
+void svc_info_uninit() {
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_uninit", UNINIT_LINE);
+    svc_info_write_back();
+    svc_info_destroy();
+}
+
+void svc_info_destroy() {
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_destroy", DESTROY_LINE);
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    for (auto& entry : service_info_map) {
+        print_log(DEBUG, "%s:%s(%d) delete(%p)\n", SOURCE_NAME, "svc_info_destroy",
+                  DESTROY_ENTRY_LINE, static_cast<void*>(entry.second.get()));
+        entry.second.reset();
+    }
+    service_info_map.clear();
+}
+
+// The file is rewritten in place (no temporary file, no rename). A file
+// that cannot be opened is logged only: the registry keeps its content and
+// the next change tries again.
+void svc_info_write_back() {
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_write_back", WRITE_BACK_LINE);
+    std::lock_guard<std::mutex> writing(write_back_lock);
+    FILE* file = fopen(REGISTRY_FILE_PATH, "w");
+    if (file == nullptr) {
+        int error = errno;
+        debug_log("%s:%s(%d) fopen(%s) error(%d).", SOURCE_NAME, "svc_info_write_back",
+                  WRITE_BACK_FOPEN_ERROR_LINE, REGISTRY_FILE_PATH, error);
+        return;
+    }
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_write_back", WRITE_BACK_OPENED_LINE);
+    {
+        std::lock_guard<std::mutex> hold(service_info_lock);
+        write_entries(file);
+    }
+    fclose(file);
+}
+
+void svc_info_restore() {
+    print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_restore", RESTORE_LINE);
+    FILE* file = fopen(REGISTRY_FILE_PATH, "r");
+    if (file == nullptr) {
+        print_log(WARN, "%s:%s(%d) %s does not exist.\n", SOURCE_NAME, "svc_info_restore",
+                  RESTORE_MISSING_LINE, REGISTRY_FILE_PATH);
+        return;
+    }
+    print_log(WARN, "%s() [%s] exists, do service_info_map restore.\n", "svc_info_restore",
+              REGISTRY_FILE_PATH);
+    restore_from(file);
+    fclose(file);
+}
