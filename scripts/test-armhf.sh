@@ -41,9 +41,13 @@ build() {
     cmake --build "$BUILD" -j2 || fail "build"
 }
 
+# GoogleTest's death tests re-execute the test binary; the user-mode
+# emulator cannot exec an ARM binary without a host-wide binfmt_misc
+# registration, which a shared build machine must not get. They run in the
+# host build only.
 unit_tests() {
     t0=$(date +%s)
-    ctest --test-dir "$BUILD" -L unit -j2 --output-on-failure || fail "unit tests under qemu-arm"
+    GTEST_FILTER='-*DeathTest.*' ctest --test-dir "$BUILD" -L unit -j2 --output-on-failure || fail "unit tests under qemu-arm"
     say "emulated unit tests took $(elapsed "$t0")"
 }
 
@@ -69,16 +73,17 @@ start_daemon() {
     "$SANDBOX_RUN" --fresh "$SBX" qemu-arm -L "$SYSROOT" "$BUILD/manager_svc" \
         -i 127.0.0.1 -p "$PORT" -v 2 >"$BUILD/roundtrip.log" 2>&1 &
     DAEMON_PID=$!
-    poll "[ -f '$SBX/upper/var/.mgrsvc_ok' ] && $CURL -o /dev/null '$URL?method=get_info&name=none'" \
+    poll "[ -f '$SBX/upper/var/.mgrsvc_ok' ] && $CURL -o /dev/null '$URL?method=get_info&name=none' 2>/dev/null" \
         "$READY_TIMEOUT" || { cat "$BUILD/roundtrip.log" >&2; fail "armhf daemon not ready"; }
 }
 
 # expect_reply DESCRIPTION EXPECTED-SUBSTRING CURL-ARGS...
+# The reply is compared with its blanks removed.
 expect_reply() {
     what=$1 expected=$2
     shift 2
     reply=$($CURL "$@") || fail "$what: no answer"
-    case "$reply" in
+    case "$(printf '%s' "$reply" | tr -d ' ')" in
         *"$expected"*) say "$what: $reply" ;;
         *) fail "$what: expected $expected, got: $reply" ;;
     esac
