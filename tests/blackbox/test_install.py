@@ -108,7 +108,7 @@ def test_package_declares_runtime_libraries_and_architecture(package):
 DRIVER = r"""
 deb=$1 url=http://127.0.0.1:$2/managerService/svcmgr
 trap 'start-stop-daemon --stop --quiet --oknodo --exec /usr/sbin/manager_svc --retry KILL/5' EXIT
-step() { name=$1; shift; "$@"; echo "STEP $name $?"; }
+step() { name=$1; shift; "$@"; status=$?; echo; echo "STEP $name $status"; }
 ask() { curl -sS --max-time 5 "$@"; }
 step install dpkg -i "$deb"
 step status_installed /etc/init.d/manager_svc status
