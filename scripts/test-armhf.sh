@@ -2,9 +2,9 @@
 # The device check: builds manager_svc and its unit tests for 32-bit ARM
 # (armhf), runs the unit tests under qemu-arm inside the overlay sandbox,
 # starts the armhf daemon under qemu and does one register / get_info /
-# unregister round trip over loopback, then reports the stripped binary's
-# size against the device budget. Exits non-zero on any failure and says
-# how long each step took.
+# unregister round trip over loopback, reports the stripped binary's size
+# against the device budget and makes the armhf Debian package. Exits
+# non-zero on any failure and says how long each step took.
 #
 # usage: scripts/test-armhf.sh
 # Environment: MANAGER_SVC_ARMHF_BUILD (build dir, default build-armhf in the
@@ -118,8 +118,19 @@ size_report() {
     [ "$bytes" -le "$SIZE_BUDGET" ] || fail "stripped binary over the $((SIZE_BUDGET / 1024)) KiB budget"
 }
 
+# The device's Debian package, checked to be for armhf.
+package() {
+    rm -rf "$BUILD/package"
+    cpack -G DEB --config "$BUILD/CPackConfig.cmake" -B "$BUILD/package" >"$BUILD/package.log" 2>&1 ||
+        { cat "$BUILD/package.log" >&2; fail "cpack"; }
+    deb=$(ls "$BUILD"/package/*.deb)
+    [ "$(dpkg-deb -f "$deb" Architecture)" = armhf ] || fail "$deb is not for armhf"
+    say "package: $deb"
+}
+
 build
 unit_tests
 round_trip
 size_report
+package
 say "all armhf checks passed in $(elapsed "$START")"
