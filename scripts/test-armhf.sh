@@ -35,9 +35,10 @@ trap cleanup EXIT
 build() {
     "$REPO/scripts/setup.sh" armhf
     SYSROOT=$("$REPO/scripts/armhf-sysroot.sh" | tail -n 1)
+    mkdir -p "$BUILD"
     cmake -S "$REPO" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
-        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON >"$BUILD.configure.log" 2>&1 ||
-        { cat "$BUILD.configure.log" >&2; fail "configure"; }
+        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON >"$BUILD/configure.log" 2>&1 ||
+        { cat "$BUILD/configure.log" >&2; fail "configure"; }
     cmake --build "$BUILD" -j2 || fail "build"
 }
 
