@@ -62,7 +62,7 @@ int main(int argc, char* argv[]) {
     content_type = argv[4];
     unsigned threads = (unsigned)atoi(argv[2]);
     struct MHD_Daemon* daemon = MHD_start_daemon(
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, (uint16_t)atoi(argv[1]), NULL, NULL,
+        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO, (uint16_t)atoi(argv[1]), NULL, NULL,
         answer, NULL, MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_END);
     if (daemon == NULL) {
         fprintf(stderr, "anchor_server: cannot listen on port %s\n", argv[1]);

@@ -2,10 +2,11 @@
 """Benchmarks of manager_svc, printed as figures (never asserted).
 
 Measured in one run, interleaved round by round so that both sides see the
-same machine: requests per second of the daemon against the bare
-libmicrohttpd anchor (bench/anchor_server.c) serving the very same reply
-bytes with the same thread pool; the time per registration with 10, 100 and
-1000 services registered; idle memory of both.
+same machine: requests per second of the daemon (get_info, get_health_status
+with 100 services, the monitor's index.html) against the bare libmicrohttpd
+anchor (bench/anchor_server.c) serving the very same reply bytes with the
+same thread pool; the time per registration with 10, 100 and 1000 services
+registered; idle memory of both.
 
 usage: bench/bench.py [--build DIR] [--seconds S] [--rounds N] [--threads T]
 The daemon runs in the test sandbox (its registry file and marker stay off
@@ -32,6 +33,15 @@ request = function()
   return wrk.format("POST", "/managerService/svcmgr", {["Content-Type"]="application/json"}, body)
 end
 """
+
+
+# What the daemon serves against the anchor serving the same bytes, with
+# 100 services registered.
+RATIO_CASES = [
+    ("get_info", "/managerService/svcmgr?method=get_info&name=svc0000"),
+    ("get_health_status", "/managerService/svcmon?method=get_health_status"),
+    ("web page index.html", "/managerService/svcmon/web/index.html"),
+]
 
 
 def wrk(port, path, connections, seconds, script=None):
@@ -129,14 +139,17 @@ def main():
         return sandboxes[-1]
 
     try:
-        daemon = new_sandbox().start("-t", str(args.threads)).wait_ready()
-        register_many(daemon, 1)
-        path = "/managerService/svcmgr?method=get_info&name=svc0000"
-        reply = daemon.request("GET", path)
-        anchor = Anchor(args.build, args.threads, reply.body, "application/json")
+        web = os.path.join(ROOT, "web") + "/"
+        daemon = new_sandbox().start("-t", str(args.threads), "-D", web).wait_ready()
+        anchor = Anchor(args.build, args.threads, b"x", "text/plain")
         print(f"idle RSS: daemon {rss_kib(daemon.pid)} KiB, anchor {rss_kib(anchor.proc.pid)} KiB")
-        report_ratio("get_info", daemon, anchor, path, args)
         anchor.close()
+        register_many(daemon, 100)
+        for label, path in RATIO_CASES:
+            reply = daemon.request("GET", path)
+            anchor = Anchor(args.build, args.threads, reply.body, reply.content_type)
+            report_ratio(f"{label} ({len(reply.body)} B)", daemon, anchor, path, args)
+            anchor.close()
         daemon.stop()
         with tempfile.NamedTemporaryFile("w", suffix=".lua", delete=False) as script:
             script.write(REGISTER_SCRIPT)

@@ -1,19 +1,22 @@
 // svcmon_handler.h - the monitor resource "/managerService/svcmon": health
-// status, history relayed from a service, and the monitor's web pages.
-// g_svcmon_home_path is written once by svcmon_set_home_path on the main
-// thread before the server starts and only read afterwards (no lock).
+// status, history relayed from a service, and the monitor's web pages
+// (web_pages.h, which also holds the home path and svcmon_set_home_path).
+// The handlers run on any listener thread, several at once, and keep no
+// state; the registry is reached only through its own locked operations.
 #ifndef MANAGER_SVC_SVCMON_HANDLER_H
 #define MANAGER_SVC_SVCMON_HANDLER_H
 
 #include <memory>
 
+#include "monitor/web_pages.h"
 #include "platform/httpserver.h"
 
-constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
-extern char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
-
-// Keeps the monitor's copy of the web-page root (cut to 127 characters).
-void svcmon_set_home_path(const char* path);
+// The monitor's "return" codes (the registry's -2 is passed through).
+constexpr int SVCMON_OK = 0;
+constexpr int SVCMON_UNKNOWN_METHOD = -1;
+constexpr int SVCMON_BAD_PATH = -4;
+constexpr int SVCMON_HISTORY_FAILED = -5;
+constexpr int SVCMON_NO_NAME = -6;
 
 const std::shared_ptr<httpserver::http_response> proc_svcmon_get(
     const httpserver::http_request& request);

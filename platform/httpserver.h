@@ -2,7 +2,8 @@
 // with the names of the device's HTTP server library, over libmicrohttpd.
 // A request object belongs to the one listener thread that handles it; a
 // response object is made by a handler and owned by shared pointers until
-// the server has queued it. Nothing here is shared between threads.
+// the request is complete (its raw response borrows the body). Nothing
+// here is shared between threads.
 #ifndef MANAGER_SVC_HTTPSERVER_H
 #define MANAGER_SVC_HTTPSERVER_H
 

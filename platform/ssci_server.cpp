@@ -7,7 +7,6 @@
 // request's state and the read-only resource table.
 #include "platform/ssci_server.h"
 
-#include <fcntl.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
@@ -301,7 +300,7 @@ long long ssci_server_start() {
         return SSCI_STATUS_OUT_OF_ORDER;
     }
     // One listener thread runs without a pool.
-    const unsigned pool_size = g_server.thread_count > 1 ? g_server.thread_count : 0;
+    const intptr_t pool_size = g_server.thread_count > 1 ? g_server.thread_count : 0;
     MHD_OptionItem options[] = {
         {MHD_OPTION_LISTEN_SOCKET, g_server.listen_fd, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, pool_size, nullptr},

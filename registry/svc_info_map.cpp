@@ -8,6 +8,9 @@
 // after it is gone.
 // Lock order: write_back_lock before service_info_lock, never the reverse.
 // Neither lock is held on return from any function of this module.
+// Out of memory: an operation passes std::bad_alloc on to its caller with
+// both locks released (std::lock_guard) and the registry, the stored record
+// and the caller's list exactly as they were before the call.
 #include "registry/svc_info_map.h"
 
 #include <cerrno>

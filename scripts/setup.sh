@@ -2,15 +2,26 @@
 # Installs every package needed to build, test and benchmark manager_svc
 # from Debian's archive. Idempotent: when everything is present it only
 # checks; it runs `apt-get update` only when a package is missing.
+#
+# usage: setup.sh          the host build and its tests
+#        setup.sh armhf    also the 32-bit ARM cross-compiler, the user-mode
+#                          emulator that runs its binaries, and debootstrap
+#                          for the target's sysroot (scripts/armhf-sysroot.sh)
 set -eu
 
 PACKAGES="
 build-essential cmake pkg-config git
 libmicrohttpd-dev libjson-c-dev libcurl4-openssl-dev
 googletest libgtest-dev libgmock-dev
-python3 python3-pytest curl wrk
+python3 python3-pytest curl wrk chromium
 util-linux mount procps
 "
+ARMHF_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user debootstrap"
+case "${1:-}" in
+    "") ;;
+    armhf) PACKAGES="$PACKAGES $ARMHF_PACKAGES" ;;
+    *) echo "usage: $0 [armhf]" >&2; exit 2 ;;
+esac
 
 missing=""
 for pkg in $PACKAGES; do

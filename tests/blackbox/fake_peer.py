@@ -5,8 +5,9 @@
 
 A behaviour is a function (peer, connection, request) that writes whatever
 it likes to the connection; `answer`, `silent`, `trickle` and `flood` are
-the usual ones. Each connection is served on its own thread; the peer stops
-(and closes every connection) when the with-block ends.
+the usual ones, and `delayed` puts a pause before any of them. Each
+connection is served on its own thread; the peer stops (and closes every
+connection) when the with-block ends.
 """
 import socket
 import threading
@@ -49,6 +50,14 @@ def trickle(interval=1.0):
         conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\n")
         while not peer.stopping.wait(interval):
             conn.sendall(b"x")
+    return behave
+
+
+def delayed(seconds, behaviour):
+    """Waits `seconds` (or until the peer stops), then behaves as given."""
+    def behave(peer, conn, request):
+        if not peer.stopping.wait(seconds):
+            behaviour(peer, conn, request)
     return behave
 
 

@@ -8,12 +8,13 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "posix_regex.h"
 
 namespace {
 
@@ -48,12 +49,13 @@ std::string contents_of(const std::string& path) {
 }
 
 // "<date> <time>.<ms> <program>[<pid>]: " before every message.
-const std::regex RECORD("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} "
-                        "dlog_test\\[\\d+\\]: (.*)");
+const char RECORD[] =
+    "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
+    "dlog_test\\[[0-9]+\\]: (.*)";
 
 std::string message_of(const std::string& line) {
-    std::smatch match;
-    return std::regex_match(line, match, RECORD) ? match[1].str() : "<malformed: " + line + ">";
+    std::vector<std::string> groups;
+    return full_match(line, RECORD, &groups) ? groups[0] : "<malformed: " + line + ">";
 }
 
 TEST_F(DlogTest, AppendsOneRecordPerCallAndMakesTheDirectories) {

@@ -19,6 +19,7 @@
 #include "main/print_log.h"
 #include "main/settings.h"
 #include "registry/svc_info_map.h"
+#include "stderr_capture.h"
 
 inline std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -54,24 +55,13 @@ private:
 // Captures the console log while it lives, at the given verbose level.
 class console_capture {
 public:
-    explicit console_capture(int level) : saved_level_(verbose_level) {
-        verbose_level = level;
-        testing::internal::CaptureStderr();
-    }
-    ~console_capture() {
-        if (!taken_) {
-            testing::internal::GetCapturedStderr();
-        }
-        verbose_level = saved_level_;
-    }
-    std::string text() {
-        taken_ = true;
-        return testing::internal::GetCapturedStderr();
-    }
+    explicit console_capture(int level) : saved_level_(verbose_level) { verbose_level = level; }
+    ~console_capture() { verbose_level = saved_level_; }
+    std::string text() { return capture_.text(); }
 
 private:
     int saved_level_;
-    bool taken_ = false;
+    stderr_capture capture_;
 };
 
 // The registry as "name,ip,port\n" lines in name order: what the registry

@@ -9,11 +9,11 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "main/device_paths.h"
+#include "posix_regex.h"
 #include "stderr_capture.h"
 
 namespace {
@@ -262,11 +262,11 @@ TEST_F(SettingsTest, ExecuteTimeIsLocalTimeInAsctimeLayout) {
     parse({});
     time_t after = time(nullptr);
     std::string text = execute_time;
-    EXPECT_TRUE(std::regex_match(
-        text, std::regex("(Sun|Mon|Tue|Wed|Thu|Fri|Sat) "
-                         "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec)"
-                         "(  [1-9]| [12][0-9]| 3[01]) "
-                         "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] [0-9]{4}")))
+    EXPECT_TRUE(full_match(text,
+                           "(Sun|Mon|Tue|Wed|Thu|Fri|Sat) "
+                           "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec)"
+                           "(  [1-9]| [12][0-9]| 3[01]) "
+                           "[0-2][0-9]:[0-5][0-9]:[0-6][0-9] [0-9]{4}"))
         << text;
     EXPECT_TRUE(text == asctime_layout(before) || text == asctime_layout(after)) << text;
     unsetenv("TZ");

@@ -1,0 +1,137 @@
+#!/bin/sh
+# The device check: builds manager_svc and its unit tests for 32-bit ARM
+# (armhf), runs the unit tests under qemu-arm inside the overlay sandbox,
+# starts the armhf daemon under qemu and does one register / get_info /
+# unregister round trip over loopback, reports the stripped binary's size
+# against the device budget and makes the armhf Debian package. Exits
+# non-zero on any failure and says how long each step took.
+#
+# usage: scripts/test-armhf.sh
+# Environment: MANAGER_SVC_ARMHF_BUILD (build dir, default build-armhf in the
+# work tree), and those of scripts/armhf-sysroot.sh.
+set -eu
+
+REPO=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${MANAGER_SVC_ARMHF_BUILD:-$REPO/build-armhf}
+SANDBOX_RUN=$REPO/tests/sandbox/sandbox_run.sh
+SIZE_BUDGET=163840
+READY_TIMEOUT=60
+STOP_TIMEOUT=30
+CURL="curl -sS --max-time 10"
+START=$(date +%s)
+DAEMON_PID=""
+
+say() { echo "test-armhf: $*"; }
+fail() { echo "test-armhf: FAILED: $*" >&2; exit 1; }
+elapsed() { echo "$(($(date +%s) - $1)) s"; }
+
+cleanup() {
+    if [ -n "$DAEMON_PID" ] && kill -0 "$DAEMON_PID" 2>/dev/null; then
+        kill -KILL "$DAEMON_PID" 2>/dev/null || true
+    fi
+}
+trap cleanup EXIT
+
+build() {
+    "$REPO/scripts/setup.sh" armhf
+    SYSROOT=$("$REPO/scripts/armhf-sysroot.sh" | tail -n 1)
+    mkdir -p "$BUILD"
+    cmake -S "$REPO" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
+        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON >"$BUILD/configure.log" 2>&1 ||
+        { cat "$BUILD/configure.log" >&2; fail "configure"; }
+    cmake --build "$BUILD" -j2 || fail "build"
+}
+
+# GoogleTest's death tests re-execute the test binary; the user-mode
+# emulator cannot exec an ARM binary without a host-wide binfmt_misc
+# registration, which a shared build machine must not get. They run in the
+# host build only.
+unit_tests() {
+    t0=$(date +%s)
+    GTEST_FILTER='-*DeathTest.*' ctest --test-dir "$BUILD" -L unit -j2 --output-on-failure || fail "unit tests under qemu-arm"
+    say "emulated unit tests took $(elapsed "$t0")"
+}
+
+free_port() {
+    python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+# Polls $1 (a command) twice a second for at most $2 seconds.
+poll() {
+    polls=$(($2 * 2))
+    while [ "$polls" -gt 0 ]; do
+        eval "$1" && return 0
+        sleep 0.5
+        polls=$((polls - 1))
+    done
+    return 1
+}
+
+start_daemon() {
+    SBX=$BUILD/sandbox/roundtrip
+    PORT=$(free_port)
+    URL=http://127.0.0.1:$PORT/managerService/svcmgr
+    "$SANDBOX_RUN" --fresh "$SBX" qemu-arm -L "$SYSROOT" "$BUILD/manager_svc" \
+        -i 127.0.0.1 -p "$PORT" -v 2 >"$BUILD/roundtrip.log" 2>&1 &
+    DAEMON_PID=$!
+    poll "[ -f '$SBX/upper/var/.mgrsvc_ok' ] && $CURL -o /dev/null '$URL?method=get_info&name=none' 2>/dev/null" \
+        "$READY_TIMEOUT" || { cat "$BUILD/roundtrip.log" >&2; fail "armhf daemon not ready"; }
+}
+
+# expect_reply DESCRIPTION EXPECTED-SUBSTRING CURL-ARGS...
+# The reply is compared with its blanks removed.
+expect_reply() {
+    what=$1 expected=$2
+    shift 2
+    reply=$($CURL "$@") || fail "$what: no answer"
+    case "$(printf '%s' "$reply" | tr -d ' ')" in
+        *"$expected"*) say "$what: $reply" ;;
+        *) fail "$what: expected $expected, got: $reply" ;;
+    esac
+}
+
+stop_daemon() {
+    kill -TERM "$DAEMON_PID"
+    poll "! kill -0 $DAEMON_PID 2>/dev/null" "$STOP_TIMEOUT" || fail "armhf daemon did not stop"
+    wait "$DAEMON_PID" || fail "armhf daemon exited with status $?"
+    DAEMON_PID=""
+    [ -f "$SBX/upper/tmp/.manager_svc.inf" ] || fail "registry file not written at stop"
+}
+
+round_trip() {
+    t0=$(date +%s)
+    start_daemon
+    expect_reply register '"return":0' -X POST -H 'Content-Type: application/json' \
+        -d '{"method":"register","name":"svcA","ip":"127.0.0.1","port":80}' "$URL"
+    expect_reply get_info '"return":0' "$URL?method=get_info&name=svcA"
+    expect_reply unregister '"return":0' -X DELETE "$URL?method=unregister&name=svcA"
+    expect_reply "get_info after unregister" '"return":-2' "$URL?method=get_info&name=svcA"
+    stop_daemon
+    say "daemon round trip under qemu-arm took $(elapsed "$t0")"
+}
+
+size_report() {
+    stripped=$BUILD/manager_svc.stripped
+    arm-linux-gnueabihf-strip -o "$stripped" "$BUILD/manager_svc"
+    bytes=$(stat -c %s "$stripped")
+    say "armhf stripped size: $bytes bytes ($((bytes / 1024)) KiB), budget $((SIZE_BUDGET / 1024)) KiB"
+    arm-linux-gnueabihf-size "$stripped"
+    [ "$bytes" -le "$SIZE_BUDGET" ] || fail "stripped binary over the $((SIZE_BUDGET / 1024)) KiB budget"
+}
+
+# The device's Debian package, checked to be for armhf.
+package() {
+    rm -rf "$BUILD/package"
+    cpack -G DEB --config "$BUILD/CPackConfig.cmake" -B "$BUILD/package" >"$BUILD/package.log" 2>&1 ||
+        { cat "$BUILD/package.log" >&2; fail "cpack"; }
+    deb=$(ls "$BUILD"/package/*.deb)
+    [ "$(dpkg-deb -f "$deb" Architecture)" = armhf ] || fail "$deb is not for armhf"
+    say "package: $deb"
+}
+
+build
+unit_tests
+round_trip
+size_report
+package
+say "all armhf checks passed in $(elapsed "$START")"
