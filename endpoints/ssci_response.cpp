@@ -18,9 +18,12 @@ json_object* new_reply_object(int result) {
     return reply;
 }
 
-std::shared_ptr<httpserver::http_response> json_reply(json_object* reply) {
-    std::shared_ptr<httpserver::http_response> response = make_ssci_response(
-        json_object_to_json_string(reply), HTTP_STATUS_OK, JSON_CONTENT_TYPE);
+std::string take_json_text(json_object* reply) {
+    std::string text = json_object_to_json_string(reply);
     json_object_put(reply);
-    return response;
+    return text;
+}
+
+std::shared_ptr<httpserver::http_response> json_reply(json_object* reply) {
+    return make_ssci_response(take_json_text(reply), HTTP_STATUS_OK, JSON_CONTENT_TYPE);
 }

@@ -31,6 +31,9 @@ std::shared_ptr<httpserver::http_response> make_ssci_response(
 // A new reply object holding "return" = result; members added later follow it.
 json_object* new_reply_object(int result);
 
+// The reply object's text (json-c's default form); releases the object.
+std::string take_json_text(json_object* reply);
+
 // The reply object's text as a 200 "application/json" response; releases
 // the reply object once its text is copied.
 std::shared_ptr<httpserver::http_response> json_reply(json_object* reply);

@@ -4,10 +4,14 @@
 // Runs on the listener threads, several at once. The registry lock is
 // taken only inside svc_info_list and svc_info_get, which hand back copies,
 // so it is never held while JSON is built or while a service is asked.
+// health_cache_lock guards the last health reply and the registry
+// generation it shows; it is never held while the reply is built.
 #include "monitor/svcmon_handler.h"
 
 #include <json-c/json.h>
 
+#include <climits>
+#include <mutex>
 #include <string>
 
 #include "endpoints/ssci_response.h"
@@ -33,7 +37,7 @@ json_object* new_health_item(const svc_info_entry& entry) {
 }
 
 // Every registered service in name order, from one copy of the registry.
-json_object* proc_get_health_status(const httpserver::http_request&) {
+std::string build_health_status() {
     json_object* items = json_object_new_array();
     svc_info_entry_list entries;
     svc_info_list(entries);
@@ -43,7 +47,32 @@ json_object* proc_get_health_status(const httpserver::http_request&) {
     svc_info_list_free(entries);
     json_object* reply = new_reply_object(SVCMON_OK);
     json_object_object_add(reply, "items", items);
-    return reply;
+    return take_json_text(reply);
+}
+
+// The last health reply built and the registry generation it shows.
+constexpr unsigned long long NO_GENERATION = ULLONG_MAX;
+std::mutex health_cache_lock;
+unsigned long long health_cache_generation = NO_GENERATION;  // guarded by health_cache_lock
+std::string health_cache_text;                               // guarded by health_cache_lock
+
+// The health reply is built once per registry change and served from the
+// cache while the registry stays the same; its bytes are those a fresh build
+// would give. The generation is read before the list is taken, so a change
+// in between only makes the next request build again.
+std::string proc_get_health_status(const httpserver::http_request&) {
+    const unsigned long long generation = svc_info_generation();
+    {
+        std::lock_guard<std::mutex> hold(health_cache_lock);
+        if (health_cache_generation == generation) {
+            return health_cache_text;
+        }
+    }
+    std::string text = build_health_status();
+    std::lock_guard<std::mutex> hold(health_cache_lock);
+    health_cache_generation = generation;
+    health_cache_text = text;
+    return text;
 }
 
 // Asks the named service for its history; SVCMON_OK with its body in
@@ -66,7 +95,7 @@ int fetch_history(const std::string& name, std::string* answer) {
 
 // The named service's own history, embedded as JSON (null when its answer
 // is not JSON).
-json_object* proc_get_history(const httpserver::http_request& request) {
+std::string proc_get_history(const httpserver::http_request& request) {
     std::string name = request.get_arg("name");
     std::string answer;
     int result = name.empty() ? SVCMON_NO_NAME : fetch_history(name, &answer);
@@ -74,12 +103,13 @@ json_object* proc_get_history(const httpserver::http_request& request) {
     if (result == SVCMON_OK) {
         json_object_object_add(reply, "service_response", json_tokener_parse(answer.c_str()));
     }
-    return reply;
+    return take_json_text(reply);
 }
 
+// A method's reply text.
 struct svcmon_method {
     const char* name;
-    json_object* (*run)(const httpserver::http_request&);
+    std::string (*run)(const httpserver::http_request&);
 };
 
 const svcmon_method SVCMON_METHODS[] = {
@@ -87,14 +117,14 @@ const svcmon_method SVCMON_METHODS[] = {
     {"get_history", proc_get_history},
 };
 
-json_object* run_method(const httpserver::http_request& request) {
+std::string run_method(const httpserver::http_request& request) {
     std::string method = request.get_arg("method");
     for (const svcmon_method& entry : SVCMON_METHODS) {
         if (method == entry.name) {
             return entry.run(request);
         }
     }
-    return new_reply_object(SVCMON_UNKNOWN_METHOD);
+    return take_json_text(new_reply_object(SVCMON_UNKNOWN_METHOD));
 }
 
 }  // namespace
@@ -108,7 +138,7 @@ const std::shared_ptr<httpserver::http_response> proc_svcmon_get(
         return proc_web_service(str_req_path);
     }
     if (str_req_path == SVCMON_PATH) {
-        return json_reply(run_method(request));
+        return make_ssci_response(run_method(request), HTTP_STATUS_OK, JSON_CONTENT_TYPE);
     }
     return json_reply(new_reply_object(SVCMON_BAD_PATH));
 }

@@ -66,6 +66,8 @@ using registry_map = std::map<std::string, std::unique_ptr<svc_info>, name_order
 
 // The registry; guarded by service_info_lock.
 registry_map service_info_map;
+// Counts the changes of service_info_map; guarded by service_info_lock.
+unsigned long long service_info_generation = 0;
 // Guards service_info_map and every record in it; constant-initialised, so
 // usable before any constructor has run.
 std::mutex service_info_lock;
@@ -85,6 +87,7 @@ bool same_address(const svc_info& stored, const svc_info& info) {
 // lock released) leaves it as it was and logs nothing.
 void add_new_entry(const std::string& name, const svc_info& info) {
     service_info_map.emplace(name, std::make_unique<svc_info>(info));
+    service_info_generation++;
     debug_log("ADD : [%s]=[%s:%d]", name.c_str(), info.ip.c_str(), info.port);
     print_log(WARN, "    ADD : [%s]=[%s:%d]\n", name.c_str(), info.ip.c_str(), info.port);
 }
@@ -98,6 +101,7 @@ void update_entry(const std::string& name, svc_info& stored, const svc_info& inf
     print_log(WARN, "    UPDATE : [%s]=[%s:%d]->[%s:%d]\n", name.c_str(),
               stored.ip.c_str(), stored.port, info.ip.c_str(), info.port);
     stored = std::move(fresh);
+    service_info_generation++;
 }
 
 // Adds or updates under the lock; true when the registry changed.
@@ -127,6 +131,7 @@ int remove_entry(const std::string& name) {
     }
     print_log(DEBUG, "find, do delete : %s\n", name.c_str());
     service_info_map.erase(found);
+    service_info_generation++;
     return SVC_INFO_OK;
 }
 
@@ -211,6 +216,7 @@ void restore_line(const char* line) {
     record->ip = fields.field[1];
     record->port = parse_port(fields.field[2]);
     service_info_map[name] = std::move(record);
+    service_info_generation++;
 }
 
 // Reads the open registry file to its end, holding the lock throughout.
@@ -311,6 +317,12 @@ void svc_info_destroy() {
         entry.second.reset();
     }
     service_info_map.clear();
+    service_info_generation++;
+}
+
+unsigned long long svc_info_generation() {
+    std::lock_guard<std::mutex> hold(service_info_lock);
+    return service_info_generation;
 }
 
 // The file is rewritten in place (no temporary file, no rename). A file

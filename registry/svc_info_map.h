@@ -47,6 +47,9 @@ int svc_info_delete(const std::string& name);
 void svc_info_list(svc_info_entry_list& list);
 // Releases the entries from the last to the first, leaving `list` empty.
 void svc_info_list_free(svc_info_entry_list& list);
+// A number that changes with every change of the registry (add, update,
+// delete, restore, teardown): equal numbers mean equal content.
+unsigned long long svc_info_generation();
 
 // Restores the registry from its file (start-up, before the server).
 void svc_info_init();

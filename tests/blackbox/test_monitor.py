@@ -46,6 +46,26 @@ def test_health_status_lists_services_in_name_order(daemon):
         b'{ "name": "b", "ip": "127.0.0.1", "port": 20, "health_status": "off-line" } ] }')
 
 
+def health_ports(daemon):
+    items = json.loads(monitor(daemon, "method=get_health_status").body)["items"]
+    return {item["name"]: item["port"] for item in items}
+
+
+def test_health_status_follows_every_registry_change(sandbox):
+    daemon = sandbox.start().wait_ready()
+    register(daemon, "a", 10)
+    assert health_ports(daemon) == {"a": 10}
+    register(daemon, "a", 11)
+    assert health_ports(daemon) == {"a": 11}
+    register(daemon, "b", 20)
+    assert health_ports(daemon) == {"a": 11, "b": 20}
+    daemon.request("DELETE", "/managerService/svcmgr?method=unregister&name=a")
+    assert health_ports(daemon) == {"b": 20}
+    assert daemon.stop() == 0
+    restarted = sandbox.start().wait_ready()
+    assert health_ports(restarted) == {"b": 20}
+
+
 @pytest.mark.parametrize("path, query, expected", [
     (SVCMON, "", b'{ "return": -1 }'),
     (SVCMON, "method=", b'{ "return": -1 }'),
