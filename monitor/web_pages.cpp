@@ -1,6 +1,7 @@
 // web_pages.cpp - the monitor's web pages (see the header).
-// Owns g_svcmon_home_path: written by svcmon_set_home_path on the main
-// thread before the server starts, read-only afterwards (no lock).
+// Owns g_svcmon_home_path and its resolved form g_real_home_path: written by
+// svcmon_set_home_path on the main thread before the server starts,
+// read-only afterwards (no lock).
 // Every request has its own texts, file descriptor and body.
 //
 // What is served: only regular files whose real path (symlinks resolved)
@@ -88,11 +89,34 @@ int open_servable_file(const std::string& path, long long& size) {
     return fd;
 }
 
+// The home path with its symlinks resolved, taken once when the home path
+// is set (written before the server starts, read-only afterwards), so that
+// a request resolves only its own file. Empty while the home directory does
+// not exist; requests then resolve it themselves, so pages installed after
+// start-up are still served.
+std::string g_real_home_path;
+
+// True when the file named by abs_path resolves to a place inside the
+// resolved directory; *resolved (when given) receives the file's real path.
+bool file_inside(const std::string& real_directory, const std::string& abs_path,
+                 std::string* resolved) {
+    std::string real_file = real_path_of(abs_path);
+    if (real_directory.empty() || real_file.empty() ||
+        !inside_directory(real_directory, real_file)) {
+        return false;
+    }
+    if (resolved != nullptr) {
+        *resolved = real_file;
+    }
+    return true;
+}
+
 // The resolved file to serve for this request, or "" when none may be.
 std::string servable_path(const std::string& related_path, const std::string& abs_path) {
+    const std::string real_home =
+        g_real_home_path.empty() ? real_path_of(g_svcmon_home_path) : g_real_home_path;
     std::string resolved;
-    if (web_related_path_allowed(related_path) &&
-        web_path_inside_home(g_svcmon_home_path, abs_path, &resolved)) {
+    if (web_related_path_allowed(related_path) && file_inside(real_home, abs_path, &resolved)) {
         return resolved;
     }
     return std::string();
@@ -115,6 +139,7 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 
 void svcmon_set_home_path(const char* path) {
     snprintf(g_svcmon_home_path, sizeof g_svcmon_home_path, "%s", path);
+    g_real_home_path = real_path_of(g_svcmon_home_path);
 }
 
 const char* web_content_type(const std::string& abs_path) {
@@ -146,15 +171,7 @@ bool web_related_path_allowed(const std::string& related_path) {
 
 bool web_path_inside_home(const std::string& home, const std::string& abs_path,
                           std::string* resolved) {
-    std::string real_home = real_path_of(home);
-    std::string real_file = real_path_of(abs_path);
-    if (real_home.empty() || real_file.empty() || !inside_directory(real_home, real_file)) {
-        return false;
-    }
-    if (resolved != nullptr) {
-        *resolved = real_file;
-    }
-    return true;
+    return file_inside(real_path_of(home), abs_path, resolved);
 }
 
 std::shared_ptr<httpserver::http_response> proc_web_service(const std::string& str_url) {

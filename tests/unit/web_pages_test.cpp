@@ -155,6 +155,17 @@ TEST_F(ScratchTree, ServesAFileOfTheLargestSize) {
     EXPECT_EQ(reply.body.size(), static_cast<std::size_t>(WEB_MAX_FILE_SIZE));
 }
 
+TEST_F(ScratchTree, ServesAHomeDirectoryMadeAfterStartUp) {
+    std::string late = root + "/late/";
+    svcmon_set_home_path(late.c_str());
+    EXPECT_EQ(serve("/managerService/svcmon/web/index.html").status, 404);
+    mkdir(late.c_str(), 0755);
+    write_file(late + "index.html", "late");
+    reply_view reply = serve("/managerService/svcmon/web/index.html");
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.body, "late");
+}
+
 TEST(SvcmonSetHomePath, CutsTo127Characters) {
     std::string long_path = "/" + std::string(200, 'h');
     svcmon_set_home_path(long_path.c_str());
