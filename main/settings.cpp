@@ -9,11 +9,10 @@
 #include <getopt.h>
 
 #include <cctype>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 
+#include "main/decimal.h"
 #include "main/print_log.h"
 #include "platform/utils.h"
 
@@ -93,17 +92,6 @@ options_result reject(const option_entry& entry, const char* argument) {
     return OPTIONS_EXIT_FAILURE;
 }
 
-// strtol in base 10 without an end pointer: "80abc" reads 80, "abc" 0.
-// The value is held to the range of int, as strtol's own saturation does
-// on the 32-bit device, so a 64-bit build reads the same numbers.
-int read_number(const char* argument) {
-    long value = strtol(argument, nullptr, 10);
-    if (value > INT_MAX) {
-        return INT_MAX;
-    }
-    return value < INT_MIN ? INT_MIN : static_cast<int>(value);
-}
-
 options_result set_daemon(const option_entry&, const char*) {
     is_daemon = true;
     return OPTIONS_RUN;
@@ -135,7 +123,7 @@ options_result set_ip_addrs(const option_entry& entry, const char* argument) {
 
 // -m, -p and -t: any number above 0; no upper bound.
 options_result set_positive(const option_entry& entry, const char* argument) {
-    int value = read_number(argument);
+    int value = read_decimal_int(argument);
     if (value <= 0) {
         return reject(entry, argument);
     }
@@ -145,7 +133,7 @@ options_result set_positive(const option_entry& entry, const char* argument) {
 
 // Compared as unsigned so that a negative level fails too.
 options_result set_verbose_level(const option_entry& entry, const char* argument) {
-    int value = read_number(argument);
+    int value = read_decimal_int(argument);
     if (static_cast<unsigned>(value) > static_cast<unsigned>(HIGHEST_VERBOSE_LEVEL)) {
         return reject(entry, argument);
     }

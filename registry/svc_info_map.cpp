@@ -14,13 +14,12 @@
 #include "registry/svc_info_map.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
 
+#include "main/decimal.h"
 #include "main/device_paths.h"
 #include "main/print_log.h"
 
@@ -49,7 +48,6 @@ constexpr int LINE_LIMIT = 127;
 // Characters that end a field of a registry-file line.
 constexpr const char FIELD_SEPARATORS[] = ",\n";
 constexpr int FIELDS_PER_LINE = 3;
-constexpr int PORT_BASE = 10;
 
 // Names are compared byte by byte as unsigned bytes, the shorter prefix
 // first, whatever the signedness of char on the target (char_traits<char>
@@ -188,17 +186,6 @@ line_fields split_line(const char* line) {
     return fields;
 }
 
-// The port field read as strtol does with base 10. The value is clamped to
-// the int range, so that a huge port loads the same on 32-bit ARM (where
-// long is int) as on a 64-bit host.
-int parse_port(const std::string& text) {
-    long value = strtol(text.c_str(), nullptr, PORT_BASE);
-    if (value > INT_MAX) {
-        return INT_MAX;
-    }
-    return value < INT_MIN ? INT_MIN : static_cast<int>(value);
-}
-
 // Loads one line read from the registry file. Called with
 // service_info_lock held. The last line for a name wins.
 void restore_line(const char* line) {
@@ -214,7 +201,7 @@ void restore_line(const char* line) {
               fields.field[1].c_str(), fields.field[2].c_str());
     auto record = std::make_unique<svc_info>();
     record->ip = fields.field[1];
-    record->port = parse_port(fields.field[2]);
+    record->port = read_decimal_int(fields.field[2].c_str());
     service_info_map[name] = std::move(record);
     service_info_generation++;
 }
