@@ -13,7 +13,7 @@ PACKAGES="
 build-essential cmake pkg-config git
 libmicrohttpd-dev libjson-c-dev libcurl4-openssl-dev
 googletest libgtest-dev libgmock-dev
-python3 python3-pytest curl wrk chromium
+python3 python3-pytest curl wrk chromium clang libclang-rt-14-dev
 util-linux mount procps
 "
 ARMHF_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user debootstrap"
