@@ -89,10 +89,8 @@ def run_chunk(port, requests, connections):
 
 def proc_counts(pid):
     """(open descriptors, threads) of a process."""
-    fds = len(os.listdir(f"/proc/{pid}/fd"))
-    with open(f"/proc/{pid}/status") as status:
-        threads = int(re.search(r"Threads:\s+(\d+)", status.read()).group(1))
-    return fds, threads
+    from harness import open_fds, proc_status
+    return open_fds(pid), proc_status(pid, "Threads")
 
 
 def settled_counts(pid, at_most=None, seconds=SETTLE_SECONDS):
