@@ -143,14 +143,18 @@ def test_misbehaving_history_services_leave_the_daemon_answering(sandbox):
         askers = {name: [threading.Thread(target=history_status,
                                           args=(daemon.port, name, replies))
                          for _ in range(2)] for name in ("quiet", "slow", "loud")}
-        for thread in sum(askers.values(), []):
-            thread.start()
-        assert all(peer.wait_requests(2) for peer in (quiet, slow, loud))
         # Others are answered while the silent service holds its requests
-        # (for its 2-second limit), and afterwards.
+        # (for its 2-second limit)...
+        for thread in askers["quiet"]:
+            thread.start()
+        assert quiet.wait_requests(2)
         assert register(daemon.port, "other") == OK
         assert get_info(daemon.port, "other")["return"] == 0
         assert all(thread.is_alive() for thread in askers["quiet"])
+        # ...and while the slow and the flooding ones hold theirs.
+        for thread in askers["slow"] + askers["loud"]:
+            thread.start()
+        assert slow.wait_requests(2) and loud.wait_requests(2)
         for index in range(20):
             assert register(daemon.port, f"other{index}") == OK
         for thread in sum(askers.values(), []):
