@@ -112,6 +112,8 @@ class FakePeer:
             except OSError:
                 return
             thread = threading.Thread(target=self._serve, args=(conn,), daemon=True)
+            # Only live threads are kept, so a long run does not pile them up.
+            self._threads = [t for t in self._threads if t.is_alive()]
             self._threads.append(thread)
             thread.start()
 

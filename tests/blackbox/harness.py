@@ -207,3 +207,25 @@ class Daemon:
             self.proc.kill()
             self.proc.wait()
         self._stderr.close()
+
+
+def proc_status(pid, field):
+    """A number from /proc/PID/status (VmRSS and VmHWM in KiB, Threads)."""
+    with open(f"/proc/{pid}/status") as status:
+        for line in status:
+            name, _, value = line.partition(":")
+            if name == field:
+                return int(value.split()[0])
+    raise KeyError(field)
+
+
+def open_fds(pid):
+    """How many file descriptors a process holds open."""
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def device_path_of(daemon, device_path):
+    """A device path as the running daemon sees it (through its own root):
+    changes made here go through its overlay mount, unlike changes made
+    behind it in the sandbox's upper directory."""
+    return f"/proc/{daemon.pid}/root{device_path}"
