@@ -133,6 +133,15 @@ def history_status(port, name, replies):
     replies.append((name, reply.body))
 
 
+def start_one_by_one(askers, peer):
+    """Starts each asker once the previous one's request reached the peer: a
+    listener thread serves the connections it accepted in turn, so requests
+    sent together could queue behind one another on one thread."""
+    for count, thread in enumerate(askers, start=1):
+        thread.start()
+        assert peer.wait_requests(count, deadline(5)), "a history request never arrived"
+
+
 def test_misbehaving_history_services_leave_the_daemon_answering(sandbox):
     daemon = sandbox.start("-t", "8").wait_ready()
     before = proc_status(daemon.pid, "VmHWM")
@@ -145,16 +154,13 @@ def test_misbehaving_history_services_leave_the_daemon_answering(sandbox):
                          for _ in range(2)] for name in ("quiet", "slow", "loud")}
         # Others are answered while the silent service holds its requests
         # (for its 2-second limit)...
-        for thread in askers["quiet"]:
-            thread.start()
-        assert quiet.wait_requests(2)
+        start_one_by_one(askers["quiet"], quiet)
         assert register(daemon.port, "other") == OK
         assert get_info(daemon.port, "other")["return"] == 0
         assert all(thread.is_alive() for thread in askers["quiet"])
         # ...and while the slow and the flooding ones hold theirs.
-        for thread in askers["slow"] + askers["loud"]:
-            thread.start()
-        assert slow.wait_requests(2) and loud.wait_requests(2)
+        start_one_by_one(askers["slow"], slow)
+        start_one_by_one(askers["loud"], loud)
         for index in range(20):
             assert register(daemon.port, f"other{index}") == OK
         for thread in sum(askers.values(), []):
