@@ -5,6 +5,7 @@
  * usage: anchor_server PORT THREADS BODY_FILE CONTENT_TYPE
  * Runs until SIGINT or SIGTERM. */
 #include <microhttpd.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,13 +15,6 @@
 static char* body;
 static size_t body_size;
 static const char* content_type;
-static volatile sig_atomic_t stop_requested;
-
-static void on_stop(int sig) {
-    (void)sig;
-    stop_requested = 1;
-}
-
 static enum MHD_Result answer(void* cls, struct MHD_Connection* connection, const char* url,
                               const char* method, const char* version,
                               const char* upload_data, size_t* upload_data_size,
@@ -61,6 +55,13 @@ int main(int argc, char* argv[]) {
     }
     content_type = argv[4];
     unsigned threads = (unsigned)atoi(argv[2]);
+    /* The stop signals are blocked before the pool starts, so that its
+     * threads inherit the mask and only sigwait below receives them. */
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, NULL);
     struct MHD_Daemon* daemon = MHD_start_daemon(
         MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO, (uint16_t)atoi(argv[1]), NULL, NULL,
         answer, NULL, MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_END);
@@ -68,11 +69,8 @@ int main(int argc, char* argv[]) {
         fprintf(stderr, "anchor_server: cannot listen on port %s\n", argv[1]);
         return 1;
     }
-    signal(SIGINT, on_stop);
-    signal(SIGTERM, on_stop);
-    while (!stop_requested) {
-        pause();
-    }
+    int received;
+    sigwait(&stop_signals, &received);
     MHD_stop_daemon(daemon);
     free(body);
     return 0;
