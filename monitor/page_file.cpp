@@ -8,6 +8,8 @@
 // home directory, and only then is that same file opened for reading, through
 // the same /proc entry. A directory swapped for a symlink between two steps
 // cannot bring a file from outside: the file checked is the file read.
+// A request for a version of a file whose checked bytes the table holds is
+// served from the table after one stat (see bytes_of_known_version).
 //
 // Shared bytes: page_table maps a file's identity (device, inode, size,
 // modification and change times) to its immutable bytes. Every reply for
@@ -208,6 +210,40 @@ std::shared_ptr<const std::string> read_checked_file(int path_fd, page_identity*
     return bytes;
 }
 
+// Fast path: the name leads to a version of a file whose bytes the table
+// holds. Those bytes were read from a descriptor checked as above, and the
+// version is the same (a link, unlink or rename of the file, or a write to
+// it, changes its change time), so they are what a check of the opened file
+// would serve; the name only finds the file, it decides nothing. A writer
+// inside the home directory cannot make an outside file carry the identity
+// of a file that was inside.
+std::shared_ptr<const std::string> bytes_of_known_version(const std::string& abs_path,
+                                                          page_identity* identity) {
+    struct stat info;
+    if (stat(abs_path.c_str(), &info) != 0 || !servable_kind(info)) {
+        return nullptr;
+    }
+    *identity = identity_of(info);
+    return find_shared_bytes(*identity);
+}
+
+// Slow path: opens and checks the file itself, then reads it.
+std::shared_ptr<const std::string> bytes_of_checked_file(const std::string& real_home,
+                                                         const std::string& abs_path,
+                                                         page_identity* identity) {
+    int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
+    if (path_fd < 0) {
+        return nullptr;
+    }
+    fd_closer closer(path_fd);
+    struct stat info;
+    if (fstat(path_fd, &info) != 0 || !servable_kind(info) || !opened_inside(path_fd, real_home)) {
+        return nullptr;
+    }
+    *identity = identity_of(info);
+    return read_checked_file(path_fd, identity);
+}
+
 }  // namespace
 
 bool path_inside_directory(const std::string& directory, const std::string& path) {
@@ -222,19 +258,10 @@ bool open_page_file(const std::string& real_home, const std::string& abs_path, p
     if (real_home.empty()) {
         return false;
     }
-    int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
-    if (path_fd < 0) {
-        return false;
-    }
-    fd_closer closer(path_fd);
-    struct stat info;
-    if (fstat(path_fd, &info) != 0 || !servable_kind(info) || !opened_inside(path_fd, real_home)) {
-        return false;
-    }
-    page_identity identity = identity_of(info);
-    std::shared_ptr<const std::string> bytes = find_shared_bytes(identity);
+    page_identity identity;
+    std::shared_ptr<const std::string> bytes = bytes_of_known_version(abs_path, &identity);
     if (!bytes) {
-        bytes = read_checked_file(path_fd, &identity);
+        bytes = bytes_of_checked_file(real_home, abs_path, &identity);
     }
     if (!bytes) {
         return false;

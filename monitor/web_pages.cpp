@@ -104,7 +104,8 @@ bool parse_http_date(const std::string& text, time_t* seconds) {
     char month[4] = "";
     tm parts{};
     int used = 0;
-    if (sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d GMT%n", weekday,
+    if (text.empty() ||
+        sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d GMT%n", weekday,
                &parts.tm_mday, month, &parts.tm_year, &parts.tm_hour, &parts.tm_min,
                &parts.tm_sec, &used) != 7 ||
         static_cast<std::size_t>(used) != text.size()) {
