@@ -8,9 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 
 namespace {
@@ -226,6 +229,20 @@ TEST_F(ScratchTree, RepliesShareOneCopyUntilTheFileChanges) {
         usleep(50 * 1000);
     }
     ASSERT_EQ(content_of(page_reply(url)).data(), content_of(first).data());
+    // Listener threads look the table up and store in it at once.
+    std::vector<std::thread> readers;
+    std::atomic<int> unshared{0};
+    for (int thread = 0; thread < 4; ++thread) {
+        readers.emplace_back([&] {
+            for (int request = 0; request < 200; ++request) {
+                unshared += content_of(page_reply(url)).data() != content_of(first).data();
+            }
+        });
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(unshared, 0);
     write_file(home + "/index.html", "<p>INDEX</p>");
     EXPECT_EQ(content_of(page_reply(url)), "<p>INDEX</p>");
     EXPECT_EQ(content_of(first), "<p>index</p>");
