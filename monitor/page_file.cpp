@@ -70,11 +70,6 @@ bool same_file(const page_identity& a, const page_identity& b) {
     return a.device == b.device && a.inode == b.inode;
 }
 
-bool same_identity(const page_identity& a, const page_identity& b) {
-    return same_file(a, b) && a.size == b.size && same_time(a.modified, b.modified) &&
-           same_time(a.changed, b.changed);
-}
-
 page_identity identity_of(const struct stat& info) {
     page_identity identity;
     identity.device = info.st_dev;
@@ -100,7 +95,7 @@ bool settled(const page_identity& identity) {
 std::shared_ptr<const std::string> find_shared_bytes(const page_identity& identity) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     for (page_entry& entry : page_table) {
-        if (same_identity(entry.identity, identity)) {
+        if (same_page_version(entry.identity, identity)) {
             std::shared_ptr<const std::string> bytes = entry.in_use.lock();
             if (bytes) {
                 entry.last_use = ++page_table_clock;
@@ -141,7 +136,7 @@ std::shared_ptr<const std::string> share_bytes(const page_identity& identity,
                                                std::shared_ptr<const std::string> bytes) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     page_entry& entry = entry_for(identity);
-    if (same_identity(entry.identity, identity)) {
+    if (same_page_version(entry.identity, identity)) {
         std::shared_ptr<const std::string> stored = entry.in_use.lock();
         if (stored) {
             return stored;
@@ -203,7 +198,7 @@ std::shared_ptr<const std::string> read_checked_file(int path_fd, page_identity*
     *identity = identity_of(before);
     std::shared_ptr<const std::string> bytes = read_bytes(fd, before.st_size);
     struct stat after;
-    if (fstat(fd, &after) == 0 && same_identity(identity_of(after), *identity) &&
+    if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), *identity) &&
         settled(*identity)) {
         return share_bytes(*identity, std::move(bytes));
     }
@@ -245,6 +240,11 @@ std::shared_ptr<const std::string> bytes_of_checked_file(const std::string& real
 }
 
 }  // namespace
+
+bool same_page_version(const page_identity& a, const page_identity& b) {
+    return same_file(a, b) && a.size == b.size && same_time(a.modified, b.modified) &&
+           same_time(a.changed, b.changed);
+}
 
 bool path_inside_directory(const std::string& directory, const std::string& path) {
     if (directory == "/") {

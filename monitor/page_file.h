@@ -39,6 +39,9 @@ struct page_file {
 // False (and *page untouched) when the file may not be served.
 bool open_page_file(const std::string& real_home, const std::string& abs_path, page_file* page);
 
+// True when both name the same version of the same file.
+bool same_page_version(const page_identity& a, const page_identity& b);
+
 // True when path lies strictly below directory (both canonical).
 bool path_inside_directory(const std::string& directory, const std::string& path);
 

@@ -150,9 +150,29 @@ bool find_page(const std::string& related_path, const std::string& abs_path, pag
     if (!web_related_path_allowed(related_path)) {
         return false;
     }
-    const std::string real_home =
-        g_real_home_path.empty() ? real_path_of(g_svcmon_home_path) : g_real_home_path;
-    return open_page_file(real_home, abs_path, page);
+    if (!g_real_home_path.empty()) {
+        return open_page_file(g_real_home_path, abs_path, page);
+    }
+    return open_page_file(real_path_of(g_svcmon_home_path), abs_path, page);
+}
+
+// The validator texts of the page version that this thread served last
+// (each listener thread has its own): a page asked for again and again is
+// formatted once per thread and version.
+struct validator_texts {
+    page_identity identity;
+    std::string etag;
+    std::string last_modified;
+};
+thread_local validator_texts t_last_validators;
+
+const validator_texts& validators_of(const page_identity& identity) {
+    if (!same_page_version(t_last_validators.identity, identity)) {
+        t_last_validators.identity = identity;
+        t_last_validators.etag = entity_tag(identity);
+        t_last_validators.last_modified = http_date(identity.modified.tv_sec);
+    }
+    return t_last_validators;
 }
 
 std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::string& str_url) {
@@ -173,16 +193,16 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
                                                       const page_file& page,
                                                       const std::string& abs_path) {
-    const std::string tag = entity_tag(page.identity);
+    const validator_texts& validators = validators_of(page.identity);
     std::shared_ptr<httpserver::string_response> reply;
-    if (web_page_unchanged(request, tag, page.identity.modified.tv_sec)) {
+    if (web_page_unchanged(request, validators.etag, page.identity.modified.tv_sec)) {
         reply = std::make_shared<httpserver::string_response>("", HTTP_STATUS_NOT_MODIFIED, "");
     } else {
         reply = std::make_shared<httpserver::string_response>(page.bytes, HTTP_STATUS_OK,
                                                               web_content_type(abs_path));
     }
-    reply->with_header(HEADER_ETAG, tag);
-    reply->with_header(HEADER_LAST_MODIFIED, http_date(page.identity.modified.tv_sec));
+    reply->with_header(HEADER_ETAG, validators.etag);
+    reply->with_header(HEADER_LAST_MODIFIED, validators.last_modified);
     reply->with_header(HEADER_CACHE_CONTROL, REVALIDATE_EACH_TIME);
     return reply;
 }
