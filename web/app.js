@@ -168,8 +168,17 @@ function filterText() {
   return document.getElementById("filter").value.trim().toLowerCase();
 }
 
+// The name whose button has the keyboard focus, or null.
+function focusedName() {
+  const focused = document.activeElement;
+  return focused && focused.matches("#services button.name")
+      ? focused.closest("tr").dataset.name : null;
+}
+
+// Rebuilding the table keeps the keyboard focus on the same service.
 function renderServices() {
   const body = document.getElementById("services");
+  const refocus = focusedName();
   const wanted = filterText();
   const probes = probesByName(lastReachability);
   const shown = lastServices.filter((item) => item.name.toLowerCase().includes(wanted));
@@ -181,7 +190,11 @@ function renderServices() {
                               SERVICE_COLUMNS));
   }
   for (const item of shown) {
-    body.appendChild(serviceRow(item, lastReachability ? probes.get(item.name) : null));
+    const row = serviceRow(item, lastReachability ? probes.get(item.name) : null);
+    body.appendChild(row);
+    if (item.name === refocus) {
+      row.querySelector("button.name").focus();
+    }
   }
   markSelected();
 }

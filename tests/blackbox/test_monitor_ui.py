@@ -110,20 +110,29 @@ def canned_replies():
 
 
 # A page of the test's own: the monitor page in a 390 px wide frame; once it
-# has filled its table, it measures the layout, filters by name, picks a
-# service by its button and reports what it saw as JSON.
+# has filled its table, it measures the layout, refreshes with the keyboard
+# focus on a service, filters by name, picks a service by its button and
+# reports what it saw as JSON.
 PROBE_PAGE = b"""<!DOCTYPE html><html><body style="margin:0">
 <iframe id="f" src="/managerService/svcmon/web/index.html"
         style="width:390px;height:2000px;border:0"></iframe><pre id="result"></pre>
 <script>
 const frame = document.getElementById("f");
-function report(page) {
-  const result = { title: page.title, widest: page.documentElement.scrollWidth,
-                   outside: [] };
+const result = {};
+function measure(page) {
+  result.title = page.title;
+  result.widest = page.documentElement.scrollWidth;
+  result.outside = [];
   for (const node of page.querySelectorAll("td, button, input, h1, h2")) {
     const box = node.getBoundingClientRect();
     if (box.right > 390 || box.left < 0) { result.outside.push(node.textContent); }
   }
+  page.querySelector("#services tr[data-name=a_up] button").focus();
+  page.getElementById("refresh-now").click();
+  setTimeout(() => filterAndPick(page), 500);
+}
+function filterAndPick(page) {
+  result.focused = page.activeElement.textContent;
   const filter = page.getElementById("filter");
   filter.value = "DOWN";
   filter.dispatchEvent(new Event("input"));
@@ -137,7 +146,7 @@ function report(page) {
 }
 function wait() {
   const page = frame.contentDocument;
-  if (page && page.querySelector("#services tr[data-name]")) { report(page); }
+  if (page && page.querySelector("#services tr[data-name]")) { measure(page); }
   else { setTimeout(wait, 50); }
 }
 wait();
@@ -239,11 +248,12 @@ def test_page_warns_when_the_daemon_is_gone(fake_monitor):
     assert [row[0] for row in table_rows(dom, "services")] == ["a_up", "b_down", "c_new"]
 
 
-def test_page_fits_a_phone_and_filters_and_shows_history(fake_monitor):
+def test_page_fits_a_phone_keeps_focus_filters_and_shows_history(fake_monitor):
     dom = dump_dom(fake_monitor().url("/probe.html"))
     found = json.loads(html.unescape(re.search(r'<pre id="result">(.*?)</pre>', dom,
                                                re.S).group(1)))
     assert found["widest"] <= 390 and found["outside"] == [], found
+    assert found["focused"] == "a_up"
     assert found["filtered"] == ["b_down"]
     assert found["history"] == json.dumps(HISTORY, indent=2)
     assert found["fetched"].startswith("Fetched at ")
