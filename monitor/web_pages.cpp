@@ -117,9 +117,12 @@ bool parse_http_date(const std::string& text, time_t* seconds) {
             parts.tm_mon = index;
         }
     }
+    if (parts.tm_mon < 0) {
+        return false;
+    }
     parts.tm_year -= 1900;
     *seconds = timegm(&parts);
-    return parts.tm_mon >= 0 && *seconds != static_cast<time_t>(-1);
+    return *seconds != static_cast<time_t>(-1);
 }
 
 // True when one entry of the If-None-Match list ("*" or tags separated by
