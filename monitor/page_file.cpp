@@ -53,6 +53,7 @@ private:
 
 struct page_entry {
     page_identity identity;
+    std::string checked_home;  // the real home directory it was checked against
     std::weak_ptr<const std::string> in_use;  // while any reply sends the bytes
     std::shared_ptr<const std::string> kept;  // small pages only
     unsigned long long last_use = 0;
@@ -90,12 +91,13 @@ bool settled(const page_identity& identity) {
     return now.tv_sec - identity.changed.tv_sec >= SETTLED_SECONDS;
 }
 
-// The bytes of this very version of the file, when a reply or the table
-// still holds them.
-std::shared_ptr<const std::string> find_shared_bytes(const page_identity& identity) {
+// The bytes of this very version of the file, checked against this home
+// directory, when a reply or the table still holds them.
+std::shared_ptr<const std::string> find_shared_bytes(const page_identity& identity,
+                                                     const std::string& real_home) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     for (page_entry& entry : page_table) {
-        if (same_page_version(entry.identity, identity)) {
+        if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
             std::shared_ptr<const std::string> bytes = entry.in_use.lock();
             if (bytes) {
                 entry.last_use = ++page_table_clock;
@@ -133,16 +135,18 @@ page_entry& entry_for(const page_identity& identity) {
 // Stores freshly read bytes; when another request stored the same version
 // meanwhile, its bytes are used instead, so one copy is sent by all.
 std::shared_ptr<const std::string> share_bytes(const page_identity& identity,
+                                               const std::string& real_home,
                                                std::shared_ptr<const std::string> bytes) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     page_entry& entry = entry_for(identity);
-    if (same_page_version(entry.identity, identity)) {
+    if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
         std::shared_ptr<const std::string> stored = entry.in_use.lock();
         if (stored) {
             return stored;
         }
     }
     entry.identity = identity;
+    entry.checked_home = real_home;
     entry.in_use = bytes;
     entry.kept = identity.size <= KEPT_PAGE_SIZE ? bytes : nullptr;
     entry.last_use = ++page_table_clock;
@@ -180,7 +184,8 @@ std::shared_ptr<std::string> read_bytes(int fd, off_t size) {
 // Reads the file behind the checked O_PATH descriptor (the same file, not
 // the same name) and shares its bytes when it was left unchanged meanwhile.
 // *identity becomes that of the file as read. Null when it cannot be read.
-std::shared_ptr<const std::string> read_checked_file(int path_fd, page_identity* identity) {
+std::shared_ptr<const std::string> read_checked_file(int path_fd, const std::string& real_home,
+                                                     page_identity* identity) {
     char link[32];
     snprintf(link, sizeof link, "/proc/self/fd/%d", path_fd);
     // O_NONBLOCK and O_NOCTTY are belts and braces: the file is known to be
@@ -200,7 +205,7 @@ std::shared_ptr<const std::string> read_checked_file(int path_fd, page_identity*
     struct stat after;
     if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), *identity) &&
         settled(*identity)) {
-        return share_bytes(*identity, std::move(bytes));
+        return share_bytes(*identity, real_home, std::move(bytes));
     }
     return bytes;
 }
@@ -211,15 +216,17 @@ std::shared_ptr<const std::string> read_checked_file(int path_fd, page_identity*
 // it, changes its change time), so they are what a check of the opened file
 // would serve; the name only finds the file, it decides nothing. A writer
 // inside the home directory cannot make an outside file carry the identity
-// of a file that was inside.
-std::shared_ptr<const std::string> bytes_of_known_version(const std::string& abs_path,
+// of a file that was inside. Bytes checked against another home directory
+// do not count.
+std::shared_ptr<const std::string> bytes_of_known_version(const std::string& real_home,
+                                                          const std::string& abs_path,
                                                           page_identity* identity) {
     struct stat info;
     if (stat(abs_path.c_str(), &info) != 0 || !servable_kind(info)) {
         return nullptr;
     }
     *identity = identity_of(info);
-    return find_shared_bytes(*identity);
+    return find_shared_bytes(*identity, real_home);
 }
 
 // Slow path: opens and checks the file itself, then reads it.
@@ -236,7 +243,7 @@ std::shared_ptr<const std::string> bytes_of_checked_file(const std::string& real
         return nullptr;
     }
     *identity = identity_of(info);
-    return read_checked_file(path_fd, identity);
+    return read_checked_file(path_fd, real_home, identity);
 }
 
 }  // namespace
@@ -259,7 +266,7 @@ bool open_page_file(const std::string& real_home, const std::string& abs_path, p
         return false;
     }
     page_identity identity;
-    std::shared_ptr<const std::string> bytes = bytes_of_known_version(abs_path, &identity);
+    std::shared_ptr<const std::string> bytes = bytes_of_known_version(real_home, abs_path, &identity);
     if (!bytes) {
         bytes = bytes_of_checked_file(real_home, abs_path, &identity);
     }
