@@ -9,6 +9,8 @@ same thread pool; the time per registration with 10, 100 and 1000 services
 registered; idle memory of both; the time from start to the ready marker.
 
 usage: bench/bench.py [--build DIR] [--seconds S] [--rounds N] [--threads T]
+                      [--only TEXT]
+--only runs just the throughput cases whose label contains TEXT.
 The daemon runs in the test sandbox (its registry file and marker stay off
 the host). Needs wrk, and root for the sandbox.
 """
@@ -149,6 +151,7 @@ def main():
     parser.add_argument("--seconds", type=int, default=5)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--threads", type=int, default=10)
+    parser.add_argument("--only", help="only the throughput cases whose label has this text")
     args = parser.parse_args()
     os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
     os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
@@ -168,11 +171,15 @@ def main():
         anchor.close()
         register_many(daemon, 100)
         for label, path in RATIO_CASES:
+            if args.only and args.only not in label:
+                continue
             reply = daemon.request("GET", path)
             anchor = Anchor(args.build, args.threads, reply.body, reply.content_type)
             report_ratio(f"{label} ({len(reply.body)} B)", daemon, anchor, path, args)
             anchor.close()
         daemon.stop()
+        if args.only:
+            return
         with tempfile.NamedTemporaryFile("w", suffix=".lua", delete=False) as script:
             script.write(REGISTER_SCRIPT)
         registration_cost(new_sandbox, args, script.name)

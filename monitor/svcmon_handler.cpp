@@ -135,7 +135,7 @@ const std::shared_ptr<httpserver::http_response> proc_svcmon_get(
     std::string str_req_path = request.get_path();
     print_log(DEBUG, "str_req_path=[%s]\n", str_req_path.c_str());
     if (str_req_path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
-        return proc_web_service(str_req_path);
+        return proc_web_service(request);
     }
     if (str_req_path == SVCMON_PATH) {
         return make_ssci_response(run_method(request), HTTP_STATUS_OK, JSON_CONTENT_TYPE);

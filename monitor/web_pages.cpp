@@ -1,24 +1,29 @@
 // web_pages.cpp - the monitor's web pages (see the header).
 // Owns g_svcmon_home_path and its resolved form g_real_home_path: written by
 // svcmon_set_home_path on the main thread before the server starts,
-// read-only afterwards (no lock).
-// Every request has its own texts, file descriptor and body.
+// read-only afterwards (no lock). Every request has its own texts and
+// descriptors; page bytes are shared through page_file (its own lock).
 //
-// What is served: only regular files whose real path (symlinks resolved)
-// lies inside the real home directory, at most WEB_MAX_FILE_SIZE bytes.
-// A related path with a ".." segment, a directory, a device or FIFO, a
-// symlink that leads out of the home directory, and a file beside the home
-// directory (a -D path without a final "/" joined to "foo.js") all get the
-// 404 page, as a missing file does.
+// What is served: only regular files of at most WEB_MAX_FILE_SIZE bytes
+// whose real path, taken from the opened file itself, lies inside the real
+// home directory. A related path with a ".." segment, a directory, a device
+// or FIFO, a symlink that leads out of the home directory, and a file beside
+// the home directory (a -D path without a final "/" joined to "foo.js") all
+// get the 404 page, as a missing file does.
+//
+// For browsers: every served page carries an ETag (from the file's inode,
+// size and times) and Last-Modified, and "Cache-Control: no-cache" so that
+// a browser asks again each time and a page changed on the device shows at
+// once. A request whose If-None-Match names the ETag (or "*"), or, without
+// If-None-Match, whose If-Modified-Since (IMF-fixdate, as sent back by
+// browsers; other forms are ignored) is not older than the file, gets 304
+// with no body and the same validators.
 #include "monitor/web_pages.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "endpoints/ssci_response.h"
 #include "main/print_log.h"
@@ -35,9 +40,22 @@ namespace {
 
 constexpr const char DEFAULT_CONTENT_TYPE[] = "text/html";
 constexpr int HTTP_STATUS_FOUND = 302;
+constexpr int HTTP_STATUS_NOT_MODIFIED = 304;
 constexpr int HTTP_STATUS_NOT_FOUND = 404;
 constexpr const char NOT_FOUND_BODY[] = "404 Not Found";
 constexpr const char PARENT_SEGMENT[] = "..";
+
+constexpr const char HEADER_ETAG[] = "ETag";
+constexpr const char HEADER_LAST_MODIFIED[] = "Last-Modified";
+constexpr const char HEADER_CACHE_CONTROL[] = "Cache-Control";
+constexpr const char HEADER_IF_NONE_MATCH[] = "If-None-Match";
+constexpr const char HEADER_IF_MODIFIED_SINCE[] = "If-Modified-Since";
+constexpr const char REVALIDATE_EACH_TIME[] = "no-cache";
+constexpr const char WEAK_TAG_PREFIX[] = "W/";
+constexpr const char* const WEEKDAYS[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+constexpr const char* const MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr int MONTH_COUNT = 12;
 
 // The canonical absolute form of an existing path, or "" when it has none.
 std::string real_path_of(const std::string& path) {
@@ -48,78 +66,116 @@ std::string real_path_of(const std::string& path) {
     return resolved;
 }
 
-bool inside_directory(const std::string& directory, const std::string& path) {
-    if (directory == "/") {
-        return true;
-    }
-    return path.size() > directory.size() && path.compare(0, directory.size(), directory) == 0 &&
-           path[directory.size()] == '/';
-}
-
-// Reads up to `size` bytes of the open file straight into `body`, in one
-// read unless the system hands out less; a read error ends the reading
-// like the end of the file, keeping what was read.
-void read_whole_file(int fd, long long size, std::string& body) {
-    body.resize(static_cast<std::size_t>(size));
-    std::size_t done = 0;
-    while (done < body.size()) {
-        ssize_t got = read(fd, &body[done], body.size() - done);
-        if (got <= 0) {
-            break;
-        }
-        done += static_cast<std::size_t>(got);
-    }
-    body.resize(done);
-}
-
-// Opens the file for serving: a regular file of at most WEB_MAX_FILE_SIZE
-// bytes. Returns the descriptor and its size, or -1. O_NONBLOCK keeps a
-// FIFO from blocking the open; it is refused right after.
-int open_servable_file(const std::string& path, long long& size) {
-    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return -1;
-    }
-    struct stat info;
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > WEB_MAX_FILE_SIZE) {
-        close(fd);
-        return -1;
-    }
-    size = info.st_size;
-    return fd;
-}
-
 // The home path with its symlinks resolved, taken once when the home path
 // is set (written before the server starts, read-only afterwards), so that
-// a request resolves only its own file. Empty while the home directory does
-// not exist; requests then resolve it themselves, so pages installed after
-// start-up are still served.
+// a request resolves nothing but its own file. Empty while the home
+// directory does not exist; requests then resolve it themselves, so pages
+// installed after start-up are still served.
 std::string g_real_home_path;
 
-// True when the file named by abs_path resolves to a place inside the
-// resolved directory; *resolved (when given) receives the file's real path.
-bool file_inside(const std::string& real_directory, const std::string& abs_path,
-                 std::string* resolved) {
-    std::string real_file = real_path_of(abs_path);
-    if (real_directory.empty() || real_file.empty() ||
-        !inside_directory(real_directory, real_file)) {
-        return false;
-    }
-    if (resolved != nullptr) {
-        *resolved = real_file;
-    }
-    return true;
+long long nanoseconds_of(const timespec& time) {
+    return static_cast<long long>(time.tv_sec) * 1000000000LL + time.tv_nsec;
 }
 
-// The resolved file to serve for this request, or "" when none may be.
-std::string servable_path(const std::string& related_path, const std::string& abs_path) {
-    const std::string real_home =
-        g_real_home_path.empty() ? real_path_of(g_svcmon_home_path) : g_real_home_path;
-    std::string resolved;
-    if (web_related_path_allowed(related_path) && file_inside(real_home, abs_path, &resolved)) {
-        return resolved;
+std::string entity_tag(const page_identity& identity) {
+    char tag[96];
+    snprintf(tag, sizeof tag, "\"%llx-%llx-%llx-%llx\"",
+             static_cast<unsigned long long>(identity.inode),
+             static_cast<unsigned long long>(identity.size),
+             static_cast<unsigned long long>(nanoseconds_of(identity.modified)),
+             static_cast<unsigned long long>(nanoseconds_of(identity.changed)));
+    return tag;
+}
+
+// IMF-fixdate: "Sun, 06 Nov 1994 08:49:37 GMT".
+std::string http_date(time_t seconds) {
+    tm parts{};
+    gmtime_r(&seconds, &parts);
+    char text[40];
+    snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", WEEKDAYS[parts.tm_wday],
+             parts.tm_mday, MONTHS[parts.tm_mon], parts.tm_year + 1900, parts.tm_hour,
+             parts.tm_min, parts.tm_sec);
+    return text;
+}
+
+// Reads an IMF-fixdate; false for any other text.
+bool parse_http_date(const std::string& text, time_t* seconds) {
+    char weekday[4] = "";
+    char month[4] = "";
+    tm parts{};
+    int used = 0;
+    if (text.empty() ||
+        sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d GMT%n", weekday,
+               &parts.tm_mday, month, &parts.tm_year, &parts.tm_hour, &parts.tm_min,
+               &parts.tm_sec, &used) != 7 ||
+        static_cast<std::size_t>(used) != text.size()) {
+        return false;
     }
-    return std::string();
+    parts.tm_mon = -1;
+    for (int index = 0; index < MONTH_COUNT; ++index) {
+        if (strcmp(month, MONTHS[index]) == 0) {
+            parts.tm_mon = index;
+        }
+    }
+    if (parts.tm_mon < 0) {
+        return false;
+    }
+    parts.tm_year -= 1900;
+    *seconds = timegm(&parts);
+    return *seconds != static_cast<time_t>(-1);
+}
+
+// True when one entry of the If-None-Match list ("*" or tags separated by
+// commas, weak or strong) names this tag.
+bool tag_list_names(const std::string& list, const std::string& tag) {
+    std::size_t start = 0;
+    while (start < list.size()) {
+        std::size_t comma = list.find(',', start);
+        std::size_t end = comma == std::string::npos ? list.size() : comma;
+        std::size_t first = list.find_first_not_of(" \t", start);
+        std::size_t last = list.find_last_not_of(" \t", end - 1);
+        if (first < end && last != std::string::npos && last >= first) {
+            std::string entry = list.substr(first, last - first + 1);
+            if (entry.compare(0, sizeof WEAK_TAG_PREFIX - 1, WEAK_TAG_PREFIX) == 0) {
+                entry.erase(0, sizeof WEAK_TAG_PREFIX - 1);
+            }
+            if (entry == "*" || entry == tag) {
+                return true;
+            }
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+// The file to serve for this request; false when none may be.
+bool find_page(const std::string& related_path, const std::string& abs_path, page_file* page) {
+    if (!web_related_path_allowed(related_path)) {
+        return false;
+    }
+    if (!g_real_home_path.empty()) {
+        return open_page_file(g_real_home_path, abs_path, page);
+    }
+    return open_page_file(real_path_of(g_svcmon_home_path), abs_path, page);
+}
+
+// The validator texts of the page version that this thread served last
+// (each listener thread has its own): a page asked for again and again is
+// formatted once per thread and version.
+struct validator_texts {
+    page_identity identity;
+    std::string etag;
+    std::string last_modified;
+};
+thread_local validator_texts t_last_validators;
+
+const validator_texts& validators_of(const page_identity& identity) {
+    if (!same_page_version(t_last_validators.identity, identity)) {
+        t_last_validators.identity = identity;
+        t_last_validators.etag = entity_tag(identity);
+        t_last_validators.last_modified = http_date(identity.modified.tv_sec);
+    }
+    return t_last_validators;
 }
 
 std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::string& str_url) {
@@ -133,6 +189,25 @@ std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::str
 std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str_url) {
     print_log(WARN, "Proc 404 Not Found : str_url=[%s]\n", str_url.c_str());
     return make_ssci_response(NOT_FOUND_BODY, HTTP_STATUS_NOT_FOUND, DEFAULT_CONTENT_TYPE);
+}
+
+// The page's bytes, shared with every other reply for the same version of
+// the file (no copy per request), or 304 when the client has them already.
+std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
+                                                      const page_file& page,
+                                                      const std::string& abs_path) {
+    const validator_texts& validators = validators_of(page.identity);
+    std::shared_ptr<httpserver::string_response> reply;
+    if (web_page_unchanged(request, validators.etag, page.identity.modified.tv_sec)) {
+        reply = std::make_shared<httpserver::string_response>("", HTTP_STATUS_NOT_MODIFIED, "");
+    } else {
+        reply = std::make_shared<httpserver::string_response>(page.bytes, HTTP_STATUS_OK,
+                                                              web_content_type(abs_path));
+    }
+    reply->with_header(HEADER_ETAG, validators.etag);
+    reply->with_header(HEADER_LAST_MODIFIED, validators.last_modified);
+    reply->with_header(HEADER_CACHE_CONTROL, REVALIDATE_EACH_TIME);
+    return reply;
 }
 
 }  // namespace
@@ -169,13 +244,21 @@ bool web_related_path_allowed(const std::string& related_path) {
     return true;
 }
 
-bool web_path_inside_home(const std::string& home, const std::string& abs_path,
-                          std::string* resolved) {
-    return file_inside(real_path_of(home), abs_path, resolved);
+bool web_page_unchanged(const httpserver::http_request& request, const std::string& etag,
+                        time_t modified) {
+    const std::string tags = request.get_header(HEADER_IF_NONE_MATCH);
+    if (!tags.empty()) {
+        return tag_list_names(tags, etag);
+    }
+    time_t since = 0;
+    return parse_http_date(request.get_header(HEADER_IF_MODIFIED_SINCE), &since) &&
+           since >= modified;
 }
 
-std::shared_ptr<httpserver::http_response> proc_web_service(const std::string& str_url) {
+std::shared_ptr<httpserver::http_response> proc_web_service(
+    const httpserver::http_request& request) {
     print_log(DEBUG, "%s()\n", "proc_web_service");
+    const std::string str_url = request.get_path();
     std::string str_related_path =
         str_url.size() > WEB_PREFIX_LENGTH ? str_url.substr(WEB_PREFIX_LENGTH) : "";
     if (str_related_path.empty() || str_related_path == "/") {
@@ -185,15 +268,10 @@ std::shared_ptr<httpserver::http_response> proc_web_service(const std::string& s
     print_log(DEBUG, "str_url=[%s]\n", str_url.c_str());
     print_log(DEBUG, "str_related_path=[%s]\n", str_related_path.c_str());
     print_log(DEBUG, "str_abs_path=[%s]\n", str_abs_path.c_str());
-    std::string real_file = servable_path(str_related_path, str_abs_path);
-    long long size = 0;
-    int fd = real_file.empty() ? -1 : open_servable_file(real_file, size);
-    if (fd < 0) {
+    page_file page;
+    if (!find_page(str_related_path, str_abs_path, &page)) {
         return not_found_page(str_url);
     }
     print_log(DEBUG, "str_url=[%s]\n", str_abs_path.c_str());
-    std::string body;
-    read_whole_file(fd, size, body);
-    close(fd);
-    return make_ssci_response(body, HTTP_STATUS_OK, web_content_type(str_abs_path));
+    return page_reply(request, page, str_abs_path);
 }

@@ -2,15 +2,18 @@
 // served for every GET below "/managerService/svcmon/web".
 // g_svcmon_home_path is written once by svcmon_set_home_path on the main
 // thread before the server starts and only read afterwards (no lock).
-// proc_web_service runs on any listener thread, several at once; it keeps
-// no state between calls.
+// proc_web_service runs on any listener thread, several at once; the only
+// state it shares between calls is the table of page bytes (page_file.h,
+// under its own lock).
 #ifndef MANAGER_SVC_WEB_PAGES_H
 #define MANAGER_SVC_WEB_PAGES_H
 
 #include <cstddef>
+#include <ctime>
 #include <memory>
 #include <string>
 
+#include "monitor/page_file.h"
 #include "platform/httpserver.h"
 
 constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
@@ -20,9 +23,6 @@ extern char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
 constexpr const char WEB_PREFIX[] = "/managerService/svcmon/web";
 constexpr std::size_t WEB_PREFIX_LENGTH = sizeof WEB_PREFIX - 1;
 constexpr const char WEB_START_PAGE[] = "/managerService/svcmon/web/index.html";
-
-// Largest file served; a larger one gets the 404 page.
-constexpr long long WEB_MAX_FILE_SIZE = 4 * 1024 * 1024;
 
 struct mime_type_row {
     const char* extension;
@@ -42,15 +42,16 @@ const char* web_content_type(const std::string& abs_path);
 // False when the related path has a ".." segment.
 bool web_related_path_allowed(const std::string& related_path);
 
-// True when abs_path resolves (symlinks followed) to a place inside the
-// resolved home directory; false when either cannot be resolved.
-// The resolved file path goes to *resolved when it is inside.
-bool web_path_inside_home(const std::string& home, const std::string& abs_path,
-                          std::string* resolved = nullptr);
+// True when the request's If-None-Match (or, without it, its
+// If-Modified-Since) says that the client holds this version already.
+bool web_page_unchanged(const httpserver::http_request& request, const std::string& etag,
+                        time_t modified);
 
-// The reply for a request path that begins with WEB_PREFIX: a redirect to
+// The reply for a request whose path begins with WEB_PREFIX: a redirect to
 // the start page for the bare prefix (with or without "/"), the file's
-// bytes, or the 404 page.
-std::shared_ptr<httpserver::http_response> proc_web_service(const std::string& str_url);
+// bytes with its validators (ETag, Last-Modified), 304 Not Modified when
+// the request's validators match the file, or the 404 page.
+std::shared_ptr<httpserver::http_response> proc_web_service(
+    const httpserver::http_request& request);
 
 #endif

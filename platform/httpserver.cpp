@@ -3,7 +3,9 @@
 // No shared state: a request belongs to the listener thread that handles it,
 // a response to the one request that made it. A string_response hands its
 // body to libmicrohttpd without a copy, so the server keeps the response
-// object alive until the request is complete.
+// object alive until the request is complete; its bytes are immutable and
+// may be shared with other responses (the shared pointer's count is the
+// only thing they touch together).
 #include "platform/httpserver.h"
 
 #include <microhttpd.h>
@@ -78,12 +80,17 @@ http_response& http_response::with_header(const std::string& key, const std::str
 }
 
 string_response::string_response(std::string body, int code, const std::string& content_type)
-    : http_response(code, content_type), content(std::move(body)) {}
+    : http_response(code, content_type),
+      content(std::make_shared<const std::string>(std::move(body))) {}
 
-// The body is lent, not copied: the server holds this object until the
-// request is complete.
+string_response::string_response(std::shared_ptr<const std::string> shared_content, int code,
+                                 const std::string& content_type)
+    : http_response(code, content_type), content(std::move(shared_content)) {}
+
+// The body is lent, not copied: the server holds this object, and with it
+// the bytes, until the request is complete.
 MHD_Response* string_response::get_raw_response() {
-    return MHD_create_response_from_buffer(content.size(), const_cast<char*>(content.data()),
+    return MHD_create_response_from_buffer(content->size(), const_cast<char*>(content->data()),
                                            MHD_RESPMEM_PERSISTENT);
 }
 

@@ -3,11 +3,13 @@
 // A request object belongs to the one listener thread that handles it; a
 // response object is made by a handler and owned by shared pointers until
 // the request is complete (its raw response borrows the body). Nothing
-// here is shared between threads.
+// here is shared between threads, except the immutable body bytes that
+// string_responses may share (see string_response).
 #ifndef MANAGER_SVC_HTTPSERVER_H
 #define MANAGER_SVC_HTTPSERVER_H
 
 #include <map>
+#include <memory>
 #include <string>
 
 struct MHD_Connection;
@@ -75,16 +77,21 @@ private:
     header_map headers;
 };
 
+// The body is held behind a shared pointer to immutable bytes, so several
+// responses may send the same bytes without a copy each.
 class string_response : public http_response {
 public:
     explicit string_response(std::string content = "", int response_code = 200,
                              const std::string& content_type = http::http_utils::text_plain);
+    // Sends the shared bytes (never null) as they are.
+    string_response(std::shared_ptr<const std::string> shared_content, int response_code,
+                    const std::string& content_type);
 
     MHD_Response* get_raw_response() override;
-    const std::string& get_content() const { return content; }
+    const std::string& get_content() const { return *content; }
 
 private:
-    std::string content;
+    std::shared_ptr<const std::string> content;
 };
 
 }  // namespace httpserver

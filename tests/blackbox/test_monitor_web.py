@@ -1,8 +1,13 @@
 """The monitor's web pages over HTTP: redirects, files with their content
-types, the 404 page, and the paths that must never leave the home path."""
+types, the 404 page, the paths that must never leave the home path (also
+while a writer swaps a directory for a symlink), and the validators that
+let a browser revalidate a page (ETag, Last-Modified, 304)."""
 import os
 
 import pytest
+
+from harness import device_path_of
+from web_race import INSIDE, OUTSIDE, Swapper
 
 WEB = "/managerService/svcmon/web"
 ZERO_BYTES = b"a\x00b\x00\x00c"
@@ -99,3 +104,30 @@ def test_default_home_path_is_read_with_a_doubled_slash(sandbox):
     daemon = sandbox.start("-v", "2").wait_ready()
     assert daemon.request("GET", WEB + "/index.html").body == b"default home"
     assert daemon.wait_stderr("str_abs_path=[/home/httpd/manager_svc//index.html]\n")
+
+
+def test_repeated_request_with_the_validators_gets_304(web, sandbox):
+    page = f"{WEB}/index.html"
+    first = web.request("GET", page)
+    tag, modified = first.headers["etag"], first.headers["last-modified"]
+    assert (first.status, first.body, first.headers["cache-control"]) == (
+        200, FILES["index.html"], "no-cache")
+    for validators in ({"If-None-Match": tag}, {"If-None-Match": f'"x", W/{tag}'},
+                       {"If-Modified-Since": modified}):
+        again = web.request("GET", page, headers=validators)
+        assert (again.status, again.body, again.headers["etag"]) == (304, b"", tag), validators
+    assert web.request("GET", page, headers={"If-None-Match": '"x"',
+                                             "If-Modified-Since": modified}).status == 200
+    # A page changed on the device is served at once, with a new tag.
+    with open(device_path_of(web, "/www/index.html"), "wb") as changed:
+        changed.write(b"<html>INDEX</html>")
+    fresh = web.request("GET", page, headers={"If-None-Match": tag})
+    assert (fresh.status, fresh.body) == (200, b"<html>INDEX</html>")
+    assert fresh.headers["etag"] != tag
+
+
+def test_swapping_a_directory_for_a_symlink_never_serves_a_file_outside(web):
+    with Swapper(device_path_of(web, "/www"), device_path_of(web, "/outside/swapped")):
+        bodies = {web.request("GET", WEB + Swapper.PAGE).body for _ in range(400)}
+    assert OUTSIDE not in bodies
+    assert bodies <= {INSIDE, b"404 Not Found"}

@@ -8,11 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "endpoints/ssci_response.h"
 
 namespace {
 
@@ -86,40 +88,33 @@ protected:
     std::string home;
 };
 
-TEST_F(ScratchTree, ContainmentFollowsSymlinks) {
-    const std::pair<std::string, bool> cases[] = {
-        {home + "/index.html", true},
-        {home + "//index.html", true},
-        {home + "/sub/app.js", true},
-        {home + "/in.js", true},
-        {home + "/sub/../index.html", true},
-        {home + "/out.js", false},
-        {home + "/outdir/secret.js", false},
-        {home + "/../outside/secret.js", false},
-        {home + "/missing.html", false},
-        {home, false},
-        {home + "foo.js", false},
-    };
-    for (const auto& test : cases) {
-        EXPECT_EQ(web_path_inside_home(home + "/", test.first), test.second) << test.first;
-        EXPECT_EQ(web_path_inside_home(home, test.first), test.second) << test.first;
-    }
-    EXPECT_FALSE(web_path_inside_home("", home + "/index.html"));
-    EXPECT_FALSE(web_path_inside_home(root + "/nohome", root + "/nohome/x"));
-}
-
 struct reply_view {
     int status;
     std::string content_type;
     std::string body;
 };
 
-reply_view serve(const std::string& url) {
-    std::shared_ptr<httpserver::http_response> reply = proc_web_service(url);
-    const ssci_response* response = dynamic_cast<const ssci_response*>(reply.get());
-    EXPECT_NE(response, nullptr);
+reply_view serve(const std::string& url, httpserver::header_map headers = {}) {
+    httpserver::http_request request("GET", url, {}, std::move(headers), "");
+    std::shared_ptr<httpserver::http_response> reply = proc_web_service(request);
+    const auto* text = dynamic_cast<const httpserver::string_response*>(reply.get());
+    EXPECT_NE(text, nullptr);
     return {reply->get_response_code(), reply->get_header("Content-Type"),
-            response ? response->body : ""};
+            text ? text->get_content() : ""};
+}
+
+TEST_F(ScratchTree, ContainmentFollowsSymlinks) {
+    const std::pair<std::string, int> cases[] = {
+        {"/index.html", 200},     {"//index.html", 200},    {"/sub/app.js", 200},
+        {"/in.js", 200},          {"/out.js", 404},         {"/outdir/secret.js", 404},
+        {"/missing.html", 404},
+    };
+    for (const std::string& home_path : {home + "/", home}) {
+        svcmon_set_home_path(home_path.c_str());
+        for (const auto& test : cases) {
+            EXPECT_EQ(serve(WEB_PREFIX + test.first).status, test.second) << test.first;
+        }
+    }
 }
 
 TEST_F(ScratchTree, RefusesWhatIsNotAServableFile) {
@@ -164,6 +159,93 @@ TEST_F(ScratchTree, ServesAHomeDirectoryMadeAfterStartUp) {
     reply_view reply = serve("/managerService/svcmon/web/index.html");
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.body, "late");
+}
+
+// Validators of a file last modified at 1994-11-06 08:49:37 UTC.
+constexpr time_t MODIFIED = 784111777;
+constexpr const char TAG[] = "\"1f-2e-3d-4c\"";
+
+struct validator_case {
+    const char* if_none_match;
+    const char* if_modified_since;
+    bool unchanged;
+};
+
+const validator_case VALIDATOR_CASES[] = {
+    {"\"1f-2e-3d-4c\"", nullptr, true},
+    {"W/\"1f-2e-3d-4c\"", nullptr, true},
+    {"\"a\", \t\"1f-2e-3d-4c\" ,\"b\"", nullptr, true},
+    {"*", nullptr, true},
+    {"\"1f-2e-3d-4d\"", nullptr, false},
+    {"1f-2e-3d-4c", nullptr, false},
+    {",,", nullptr, false},
+    {nullptr, "Sun, 06 Nov 1994 08:49:37 GMT", true},
+    {nullptr, "Mon, 07 Nov 1994 00:00:00 GMT", true},
+    {nullptr, "Sun, 06 Nov 1994 08:49:36 GMT", false},
+    {nullptr, "Sunday, 06-Nov-94 08:49:37 GMT", false},
+    {nullptr, "Sun, 06 Xyz 2030 08:49:37 GMT", false},
+    {nullptr, "Sun, 06 Nov 1994 08:49:37 GMT trailing", false},
+    // If-None-Match decides alone when it is there.
+    {"\"other\"", "Mon, 07 Nov 1994 00:00:00 GMT", false},
+    {nullptr, nullptr, false},
+};
+
+TEST(WebPageUnchanged, FollowsTheRequestValidators) {
+    for (const validator_case& test : VALIDATOR_CASES) {
+        httpserver::header_map headers;
+        if (test.if_none_match != nullptr) {
+            headers["if-none-match"] = test.if_none_match;
+        }
+        if (test.if_modified_since != nullptr) {
+            headers["If-Modified-Since"] = test.if_modified_since;
+        }
+        httpserver::http_request request("GET", "/", {}, headers, "");
+        EXPECT_EQ(web_page_unchanged(request, TAG, MODIFIED), test.unchanged)
+            << (test.if_none_match ? test.if_none_match : "-") << " / "
+            << (test.if_modified_since ? test.if_modified_since : "-");
+    }
+}
+
+// The bytes of one reply, kept alive as a reply in flight would keep them.
+std::shared_ptr<httpserver::http_response> page_reply(const std::string& url) {
+    return proc_web_service(httpserver::http_request("GET", url, {}, {}, ""));
+}
+
+const std::string& content_of(const std::shared_ptr<httpserver::http_response>& reply) {
+    return dynamic_cast<const httpserver::string_response&>(*reply).get_content();
+}
+
+TEST_F(ScratchTree, RepliesShareOneCopyUntilTheFileChanges) {
+    svcmon_set_home_path(home.c_str());
+    const std::string url = std::string(WEB_PREFIX) + "/index.html";
+    std::shared_ptr<httpserver::http_response> first = page_reply(url);
+    // A file changed moments ago is read afresh each time, until it has
+    // settled; from then on replies share one copy.
+    auto shares_with_first = [&] {
+        first = page_reply(url);
+        return content_of(page_reply(url)).data() == content_of(first).data();
+    };
+    for (int tries = 0; tries < 100 && !shares_with_first(); ++tries) {
+        usleep(50 * 1000);
+    }
+    ASSERT_EQ(content_of(page_reply(url)).data(), content_of(first).data());
+    // Listener threads look the table up and store in it at once.
+    std::vector<std::thread> readers;
+    std::atomic<int> unshared{0};
+    for (int thread = 0; thread < 4; ++thread) {
+        readers.emplace_back([&] {
+            for (int request = 0; request < 200; ++request) {
+                unshared += content_of(page_reply(url)).data() != content_of(first).data();
+            }
+        });
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(unshared, 0);
+    write_file(home + "/index.html", "<p>INDEX</p>");
+    EXPECT_EQ(content_of(page_reply(url)), "<p>INDEX</p>");
+    EXPECT_EQ(content_of(first), "<p>index</p>");
 }
 
 TEST(SvcmonSetHomePath, CutsTo127Characters) {

@@ -1,0 +1,279 @@
+// page_file.cpp - opening, checking and sharing web-page files (see the
+// header).
+//
+// Containment is checked on the opened file, never on its name: the path
+// is opened with O_PATH (which neither reads the file nor runs a device's
+// open, so a FIFO or device reached by a symlink costs nothing), the kernel's
+// own name of the opened file (/proc/self/fd/N) must lie inside the real
+// home directory, and only then is that same file opened for reading, through
+// the same /proc entry. A directory swapped for a symlink between two steps
+// cannot bring a file from outside: the file checked is the file read.
+// A request for a version of a file whose checked bytes the table holds is
+// served from the table after one stat (see bytes_of_known_version).
+//
+// Shared bytes: page_table maps a file's identity (device, inode, size,
+// modification and change times) to its immutable bytes. Every reply for
+// the same unchanged file sends the same bytes; a file whose identity has
+// changed is read again at once. Pages of at most KEPT_PAGE_SIZE bytes are
+// kept in the table between requests; larger ones only as long as a reply
+// still sends them (a weak reference). page_table_lock guards page_table
+// and page_table_clock; it is held only for a look-up or a store.
+#include "monitor/page_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+// At most PAGE_TABLE_SIZE entries, so at most 2 MiB kept between requests.
+constexpr off_t KEPT_PAGE_SIZE = 64 * 1024;
+constexpr std::size_t PAGE_TABLE_SIZE = 32;
+// A file changed less than this long before it is read might change again
+// within the same timestamp tick, leaving its identity as it was: its bytes
+// are not shared, so the next request reads the file again.
+constexpr time_t SETTLED_SECONDS = 2;
+
+// Closes a descriptor when the scope ends.
+class fd_closer {
+public:
+    explicit fd_closer(int descriptor) : fd(descriptor) {}
+    ~fd_closer() { close(fd); }
+    fd_closer(const fd_closer&) = delete;
+    fd_closer& operator=(const fd_closer&) = delete;
+
+private:
+    int fd;
+};
+
+struct page_entry {
+    page_identity identity;
+    std::string checked_home;  // the real home directory it was checked against
+    std::weak_ptr<const std::string> in_use;  // while any reply sends the bytes
+    std::shared_ptr<const std::string> kept;  // small pages only
+    unsigned long long last_use = 0;
+};
+
+std::mutex page_table_lock;
+std::vector<page_entry> page_table;     // guarded by page_table_lock
+unsigned long long page_table_clock = 0;  // guarded by page_table_lock
+
+bool same_time(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool same_file(const page_identity& a, const page_identity& b) {
+    return a.device == b.device && a.inode == b.inode;
+}
+
+page_identity identity_of(const struct stat& info) {
+    page_identity identity;
+    identity.device = info.st_dev;
+    identity.inode = info.st_ino;
+    identity.size = info.st_size;
+    identity.modified = info.st_mtim;
+    identity.changed = info.st_ctim;
+    return identity;
+}
+
+bool servable_kind(const struct stat& info) {
+    return S_ISREG(info.st_mode) && info.st_size <= WEB_MAX_FILE_SIZE;
+}
+
+bool settled(const page_identity& identity) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec - identity.changed.tv_sec >= SETTLED_SECONDS;
+}
+
+// The bytes of this very version of the file, checked against this home
+// directory, when a reply or the table still holds them.
+std::shared_ptr<const std::string> find_shared_bytes(const page_identity& identity,
+                                                     const std::string& real_home) {
+    std::lock_guard<std::mutex> hold(page_table_lock);
+    for (page_entry& entry : page_table) {
+        if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
+            std::shared_ptr<const std::string> bytes = entry.in_use.lock();
+            if (bytes) {
+                entry.last_use = ++page_table_clock;
+            }
+            return bytes;
+        }
+    }
+    return nullptr;
+}
+
+// The entry for this file: its own (any version), a new one while there is
+// room, else one no reply uses any more, else the least recently used.
+page_entry& entry_for(const page_identity& identity) {
+    for (page_entry& entry : page_table) {
+        if (same_file(entry.identity, identity)) {
+            return entry;
+        }
+    }
+    if (page_table.size() < PAGE_TABLE_SIZE) {
+        page_table.emplace_back();
+        return page_table.back();
+    }
+    page_entry* oldest = &page_table.front();
+    for (page_entry& entry : page_table) {
+        if (entry.in_use.expired()) {
+            return entry;
+        }
+        if (entry.last_use < oldest->last_use) {
+            oldest = &entry;
+        }
+    }
+    return *oldest;
+}
+
+// Stores freshly read bytes; when another request stored the same version
+// meanwhile, its bytes are used instead, so one copy is sent by all.
+std::shared_ptr<const std::string> share_bytes(const page_identity& identity,
+                                               const std::string& real_home,
+                                               std::shared_ptr<const std::string> bytes) {
+    std::lock_guard<std::mutex> hold(page_table_lock);
+    page_entry& entry = entry_for(identity);
+    if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
+        std::shared_ptr<const std::string> stored = entry.in_use.lock();
+        if (stored) {
+            return stored;
+        }
+    }
+    entry.identity = identity;
+    entry.checked_home = real_home;
+    entry.in_use = bytes;
+    entry.kept = identity.size <= KEPT_PAGE_SIZE ? bytes : nullptr;
+    entry.last_use = ++page_table_clock;
+    return bytes;
+}
+
+// The path of the opened file as the kernel names it lies inside real_home.
+bool opened_inside(int fd, const std::string& real_home) {
+    char link[32];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char target[PATH_MAX];
+    ssize_t length = readlink(link, target, sizeof target);
+    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof target) {
+        return false;
+    }
+    return path_inside_directory(real_home, std::string(target, static_cast<std::size_t>(length)));
+}
+
+// Reads up to `size` bytes of the open file; a read error ends the reading
+// like the end of the file, keeping what was read.
+std::shared_ptr<std::string> read_bytes(int fd, off_t size) {
+    auto bytes = std::make_shared<std::string>(static_cast<std::size_t>(size), '\0');
+    std::size_t done = 0;
+    while (done < bytes->size()) {
+        ssize_t got = read(fd, &(*bytes)[done], bytes->size() - done);
+        if (got <= 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(got);
+    }
+    bytes->resize(done);
+    return bytes;
+}
+
+// Reads the file behind the checked O_PATH descriptor (the same file, not
+// the same name) and shares its bytes when it was left unchanged meanwhile.
+// *identity becomes that of the file as read. Null when it cannot be read.
+std::shared_ptr<const std::string> read_checked_file(int path_fd, const std::string& real_home,
+                                                     page_identity* identity) {
+    char link[32];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", path_fd);
+    // O_NONBLOCK and O_NOCTTY are belts and braces: the file is known to be
+    // a regular file.
+    int fd = open(link, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        return nullptr;
+    }
+    fd_closer closer(fd);
+    struct stat before;
+    if (fstat(fd, &before) != 0 || !servable_kind(before) ||
+        !same_file(identity_of(before), *identity)) {
+        return nullptr;
+    }
+    *identity = identity_of(before);
+    std::shared_ptr<const std::string> bytes = read_bytes(fd, before.st_size);
+    struct stat after;
+    if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), *identity) &&
+        settled(*identity)) {
+        return share_bytes(*identity, real_home, std::move(bytes));
+    }
+    return bytes;
+}
+
+// Fast path: the name leads to a version of a file whose bytes the table
+// holds. Those bytes were read from a descriptor checked as above, and the
+// version is the same (a link, unlink or rename of the file, or a write to
+// it, changes its change time), so they are what a check of the opened file
+// would serve; the name only finds the file, it decides nothing. A writer
+// inside the home directory cannot make an outside file carry the identity
+// of a file that was inside. Bytes checked against another home directory
+// do not count.
+std::shared_ptr<const std::string> bytes_of_known_version(const std::string& real_home,
+                                                          const std::string& abs_path,
+                                                          page_identity* identity) {
+    struct stat info;
+    if (stat(abs_path.c_str(), &info) != 0 || !servable_kind(info)) {
+        return nullptr;
+    }
+    *identity = identity_of(info);
+    return find_shared_bytes(*identity, real_home);
+}
+
+// Slow path: opens and checks the file itself, then reads it.
+std::shared_ptr<const std::string> bytes_of_checked_file(const std::string& real_home,
+                                                         const std::string& abs_path,
+                                                         page_identity* identity) {
+    int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
+    if (path_fd < 0) {
+        return nullptr;
+    }
+    fd_closer closer(path_fd);
+    struct stat info;
+    if (fstat(path_fd, &info) != 0 || !servable_kind(info) || !opened_inside(path_fd, real_home)) {
+        return nullptr;
+    }
+    *identity = identity_of(info);
+    return read_checked_file(path_fd, real_home, identity);
+}
+
+}  // namespace
+
+bool same_page_version(const page_identity& a, const page_identity& b) {
+    return same_file(a, b) && a.size == b.size && same_time(a.modified, b.modified) &&
+           same_time(a.changed, b.changed);
+}
+
+bool path_inside_directory(const std::string& directory, const std::string& path) {
+    if (directory == "/") {
+        return path.size() > 1 && path[0] == '/';
+    }
+    return path.size() > directory.size() && path.compare(0, directory.size(), directory) == 0 &&
+           path[directory.size()] == '/';
+}
+
+bool open_page_file(const std::string& real_home, const std::string& abs_path, page_file* page) {
+    if (real_home.empty()) {
+        return false;
+    }
+    page_identity identity;
+    std::shared_ptr<const std::string> bytes = bytes_of_known_version(real_home, abs_path, &identity);
+    if (!bytes) {
+        bytes = bytes_of_checked_file(real_home, abs_path, &identity);
+    }
+    if (!bytes) {
+        return false;
+    }
+    page->identity = identity;
+    page->bytes = std::move(bytes);
+    return true;
+}
