@@ -150,7 +150,9 @@ MHD_Result begin_request(MHD_Connection* connection, const char* url, const char
     *con_cls = state;
     const MHD_ConnectionInfo* info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    state->guarded = info == nullptr ? nullptr : static_cast<guarded_connection*>(info->socket_context);
+    if (info != nullptr) {
+        state->guarded = static_cast<guarded_connection*>(info->socket_context);
+    }
     if (declared_body_too_large(connection)) {
         connection_guard_request_received(state->guarded);
         return queue_plain(connection, BODY_TOO_LARGE);
@@ -330,7 +332,8 @@ unsigned connection_limit(unsigned threads) {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
         limit.rlim_cur < wanted) {
-        limit.rlim_cur = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+        limit.rlim_cur =
+            limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
         setrlimit(RLIMIT_NOFILE, &limit);
     }
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
