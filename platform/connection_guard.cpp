@@ -18,6 +18,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <new>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -74,9 +75,15 @@ std::vector<guarded_connection*> waiting_connections() {
     return found;
 }
 
-// Closes the `count` connections that have waited longest. guard_lock held.
+// Closes the `count` connections that have waited longest (none when no
+// memory is left for the choice). guard_lock held.
 void evict_longest_waiting(unsigned count) {
-    std::vector<guarded_connection*> candidates = waiting_connections();
+    std::vector<guarded_connection*> candidates;
+    try {
+        candidates = waiting_connections();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
     count = std::min<unsigned>(count, static_cast<unsigned>(candidates.size()));
     auto waited_longer = [](const guarded_connection* a, const guarded_connection* b) {
         return a->waiting_since.load(std::memory_order_relaxed) <
@@ -114,7 +121,7 @@ void reset_list() {
 
 }  // namespace
 
-void connection_guard_start(unsigned limit) {
+bool connection_guard_start(unsigned limit) {
     std::lock_guard<std::mutex> hold(guard_lock);
     if (open_list.next == nullptr) {
         reset_list();
@@ -122,7 +129,13 @@ void connection_guard_start(unsigned limit) {
     evict_above = limit / 8 * EVICT_ABOVE_EIGHTHS;
     evict_to = limit / 8 * EVICT_TO_EIGHTHS;
     watchdog_running = true;
-    watchdog = std::thread(watch);
+    try {
+        watchdog = std::thread(watch);
+    } catch (const std::system_error&) {
+        watchdog_running = false;
+        return false;
+    }
+    return true;
 }
 
 void connection_guard_stop() {

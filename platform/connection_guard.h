@@ -19,8 +19,9 @@ constexpr unsigned GUARD_REQUEST_SECONDS = 10;
 
 struct guarded_connection;
 
-// Starts the watchdog; `limit` is the server's connection limit.
-void connection_guard_start(unsigned limit);
+// Starts the watchdog; `limit` is the server's connection limit. False
+// when its thread could not be made.
+bool connection_guard_start(unsigned limit);
 // Stops the watchdog (connections are left to the server to close).
 void connection_guard_stop();
 

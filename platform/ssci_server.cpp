@@ -428,8 +428,10 @@ long long ssci_server_start() {
         {MHD_OPTION_CONNECTION_LIMIT, limit, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
+    if (!connection_guard_start(limit)) {
+        return SSCI_STATUS_START_FAILED;
+    }
     relay_pool_start();
-    connection_guard_start(limit);
     g_server.daemon = MHD_start_daemon(
         DAEMON_FLAGS, 0, nullptr, nullptr, on_request, nullptr, MHD_OPTION_ARRAY, options,
         MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_NOTIFY_CONNECTION,
