@@ -1,6 +1,7 @@
 // common_http_resource.h - binds one URL path to its GET, POST, PUT and
-// DELETE handlers, and the table of all such bindings that the service-bus
-// server dispatches through.
+// DELETE handlers (and, for a resource whose handler waits on another
+// service, the marking of those requests), and the table of all such
+// bindings that the service-bus server dispatches through.
 // The table is filled by the constructors, which run during static
 // initialisation (or, in tests, while no server runs); the server only
 // reads it. No lock: it never changes while listener threads exist.
