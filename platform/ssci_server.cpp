@@ -425,7 +425,7 @@ long long ssci_server_start() {
         {MHD_OPTION_LISTEN_SOCKET, g_server.listen_fd, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, pool_size, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, CONNECTION_IDLE_SECONDS, nullptr},
-        {MHD_OPTION_CONNECTION_LIMIT, limit, nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(limit), nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
     if (!connection_guard_start(limit)) {
