@@ -26,6 +26,8 @@ constexpr std::size_t URL_MAX_CHARS = 1022;
 constexpr std::size_t URL_OVERHEAD = 90;
 
 constexpr long HTTP_STATUS_200 = 200;
+// The only protocol libcurl may speak for this client.
+constexpr const char PLAIN_HTTP_ONLY[] = "http";
 // Peer statuses that are reported as themselves; any other one is
 // HTTP_GET_OTHER_STATUS.
 constexpr long PASSED_THROUGH_STATUSES[] = {302, 400, 401, 403, 404, 405};
@@ -55,7 +57,8 @@ long long status_result(long status) {
 
 // Sets the transfer's options, in this order; the request carries only
 // libcurl's own headers, follows no redirect and has no separate connect
-// time-out.
+// time-out. Plain HTTP only: a registered address that carries a scheme of
+// its own ("dict://...", "file://...") makes the transfer fail instead.
 void set_get_options(CURL* curl, const char* url, std::string* response) {
     curl_easy_setopt(curl, CURLOPT_URL, url);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
@@ -63,6 +66,8 @@ void set_get_options(CURL* curl, const char* url, std::string* response) {
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, response);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, HTTP_GET_TIMEOUT_SECONDS);
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
 }
 
 }  // namespace

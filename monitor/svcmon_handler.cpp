@@ -1,7 +1,8 @@
 // svcmon_handler.cpp - the monitor resource "/managerService/svcmon": the
 // "get_health_status" and "get_history" methods, and the hand-over of the
 // web-page paths to proc_web_service.
-// Runs on the listener threads, several at once. The registry lock is
+// Runs on the listener threads, several at once; "get_history" runs on the
+// server's relay workers instead (history_relay marks it). The registry lock is
 // taken only inside svc_info_list and svc_info_get, which hand back copies,
 // so it is never held while JSON is built or while a service is asked.
 // health_cache_lock guards the last health reply and the registry
@@ -23,6 +24,7 @@
 namespace {
 
 constexpr const char SVCMON_PATH[] = "/managerService/svcmon";
+constexpr const char HISTORY_METHOD[] = "get_history";
 constexpr const char HISTORY_QUERY[] = "method=get_history";
 constexpr const char HISTORY_PATH_SUFFIX[] = "/svcmon";
 
@@ -114,7 +116,7 @@ struct svcmon_method {
 
 const svcmon_method SVCMON_METHODS[] = {
     {"get_health_status", proc_get_health_status},
-    {"get_history", proc_get_history},
+    {HISTORY_METHOD, proc_get_history},
 };
 
 std::string run_method(const httpserver::http_request& request) {
@@ -143,4 +145,22 @@ const std::shared_ptr<httpserver::http_response> proc_svcmon_get(
     return json_reply(new_reply_object(SVCMON_BAD_PATH));
 }
 
-common_http_resource svcmon_resource(SVCMON_PATH, proc_svcmon_get, nullptr, nullptr, nullptr);
+namespace {
+
+// "get_history" waits on another service; everything else here answers at once.
+bool is_history_request(const httpserver::http_request& request) {
+    return request.get_path() == SVCMON_PATH && request.get_arg("method") == HISTORY_METHOD;
+}
+
+// The reply of a history request whose service could not be asked.
+const std::shared_ptr<httpserver::http_response> history_not_asked(
+    const httpserver::http_request&) {
+    return json_reply(new_reply_object(SVCMON_HISTORY_FAILED));
+}
+
+const relay_marking history_relay = {is_history_request, history_not_asked};
+
+}  // namespace
+
+common_http_resource svcmon_resource(SVCMON_PATH, proc_svcmon_get, nullptr, nullptr, nullptr,
+                                     &history_relay);

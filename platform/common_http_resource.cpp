@@ -40,8 +40,10 @@ bool path_covers(const std::string& resource_path, const std::string& request_pa
 
 common_http_resource::common_http_resource(const char* resource_path, http_handler get,
                                            http_handler post, http_handler put,
-                                           http_handler del)
-    : path(resource_path == nullptr ? "" : resource_path), handlers{get, post, put, del} {
+                                           http_handler del, const relay_marking* relay_rule)
+    : path(resource_path == nullptr ? "" : resource_path),
+      handlers{get, post, put, del},
+      relay(relay_rule) {
     resource_table().push_back(this);
 }
 
@@ -71,6 +73,14 @@ std::string common_http_resource::allowed_methods() const {
         allowed += METHOD_NAMES[i];
     }
     return allowed;
+}
+
+const relay_marking* common_http_resource::relay_for(
+    const httpserver::http_request& request) const {
+    if (relay == nullptr || (relay->waits != nullptr && !relay->waits(request))) {
+        return nullptr;
+    }
+    return relay;
 }
 
 // A resource with an empty path serves nothing. Of two resources with the

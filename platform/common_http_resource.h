@@ -1,6 +1,7 @@
 // common_http_resource.h - binds one URL path to its GET, POST, PUT and
-// DELETE handlers, and the table of all such bindings that the service-bus
-// server dispatches through.
+// DELETE handlers (and, for a resource whose handler waits on another
+// service, the marking of those requests), and the table of all such
+// bindings that the service-bus server dispatches through.
 // The table is filled by the constructors, which run during static
 // initialisation (or, in tests, while no server runs); the server only
 // reads it. No lock: it never changes while listener threads exist.
@@ -17,11 +18,23 @@
 typedef const std::shared_ptr<httpserver::http_response> (*http_handler)(
     const httpserver::http_request&);
 
+// Marks the requests of a resource that wait on another service: the
+// server runs their handler on a relay worker, never on a listener thread.
+struct relay_marking {
+    // True for the requests that wait (null: every request of the resource).
+    bool (*waits)(const httpserver::http_request&);
+    // The handler's own reply for a relay that could not be made, sent at
+    // once when no relay can be taken on.
+    http_handler refused;
+};
+
 class common_http_resource {
 public:
-    // Registers the path with its four handlers (null: no handler).
+    // Registers the path with its four handlers (null: no handler) and,
+    // for a resource that relays, its marking (which must outlive it).
     common_http_resource(const char* path, http_handler get, http_handler post,
-                         http_handler put, http_handler del);
+                         http_handler put, http_handler del,
+                         const relay_marking* relay = nullptr);
     ~common_http_resource();
     common_http_resource(const common_http_resource&) = delete;
     common_http_resource& operator=(const common_http_resource&) = delete;
@@ -31,11 +44,14 @@ public:
     http_handler handler_for(const std::string& method) const;
     // The methods that have a handler, as an Allow header value ("GET, POST").
     std::string allowed_methods() const;
+    // The marking when this request waits on another service, else null.
+    const relay_marking* relay_for(const httpserver::http_request& request) const;
 
 private:
     std::string path;
     // The handlers in the order GET, POST, PUT, DELETE.
     std::array<http_handler, 4> handlers;
+    const relay_marking* relay;
 };
 
 // The resource whose path is the request path or lies above it (the longest

@@ -30,6 +30,7 @@ constexpr const char NAMESERVER_PATH[] = "/managerService/svcmgr";
 constexpr const char LOOKUP_METHOD[] = "get_info";
 
 constexpr long HTTP_OK = 200;
+constexpr const char PLAIN_HTTP_ONLY[] = "http";
 constexpr int MAX_PORT = 65535;
 // Longest host name that DNS allows.
 constexpr std::size_t MAX_HOST_NAME = 253;
@@ -91,6 +92,9 @@ void set_transfer_options(CURL* curl, const std::string& url, long time_limit,
     // Services on the device are reached directly, never through a proxy
     // that the environment might name.
     curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    // Plain HTTP only, whatever an address might carry.
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(SSCI_REPLY_LIMIT));
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, ssci_collect_reply);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, received);

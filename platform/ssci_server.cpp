@@ -4,14 +4,22 @@
 // The lifecycle calls (create, start, stop, destory) come from the main
 // thread; lifecycle_lock guards g_server against any other caller. The
 // request callbacks run on the listener threads and touch only their own
-// request's state and the read-only resource table.
+// request's state and the read-only resource table. A request that waits
+// on another service (its resource's relay_marking says so) is not handled
+// there: its connection is suspended and the request handed to the relay
+// pool; the worker leaves the reply in the request's state and resumes the
+// connection, and the listener thread then sends it. While suspended, the
+// request's state belongs to the worker; libmicrohttpd's resume is what
+// hands it back.
 #include "platform/ssci_server.h"
 
 #include <microhttpd.h>
 #include <netdb.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -20,23 +28,33 @@
 #include <mutex>
 #include <new>
 
+#include "main/device_paths.h"
 #include "platform/common_http_resource.h"
+#include "platform/connection_guard.h"
+#include "platform/dlog.h"
 #include "platform/httpserver.h"
+#include "platform/relay_pool.h"
 
 namespace {
 
 using httpserver::http::http_utils;
 
 constexpr int MAX_PORT = 65535;
-constexpr int MAX_THREADS = 64;
 // A connection that sends or accepts nothing for this long is dropped.
 constexpr unsigned CONNECTION_IDLE_SECONDS = 10;
-// Open connections at once, over all listener threads.
-constexpr unsigned CONNECTION_LIMIT = 512;
+// Open connections at once, over all listener threads, when the descriptor
+// limit allows; the limit is raised towards what this needs at start.
+constexpr unsigned WANTED_CONNECTIONS = 4096;
+// Descriptors kept for all but client connections: the listen socket, log
+// and registry files, relays' sockets, init scripts' pipes...
+constexpr rlim_t RESERVED_DESCRIPTORS = 512;
+// ... and each listener thread's event and wake-up descriptors.
+constexpr rlim_t DESCRIPTORS_PER_THREAD = 2;
 // Bytes of an over-long body (sent without a Content-Length) that are read
 // and thrown away before the 413; past this the connection is closed.
 constexpr std::size_t MAX_DISCARDED_BODY = 1024 * 1024;
-constexpr unsigned DAEMON_FLAGS = MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO;
+constexpr unsigned DAEMON_FLAGS =
+    MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO | MHD_ALLOW_SUSPEND_RESUME;
 
 // The server's own plain-text answers.
 struct plain_reply {
@@ -65,9 +83,11 @@ server_state g_server;      // guarded by lifecycle_lock
 struct request_state {
     http_handler handler = nullptr;
     const common_http_resource* resource = nullptr;
+    guarded_connection* guarded = nullptr;  // the connection's entry in the guard
     const plain_reply* refusal = nullptr;  // 404 or 405, sent once the body is read
     std::size_t body_received = 0;
     std::string body;
+    bool relay_answered = false;  // set by the relay worker before it resumes
     std::shared_ptr<httpserver::http_response> response;  // lends its body to MHD
 };
 
@@ -128,7 +148,13 @@ MHD_Result begin_request(MHD_Connection* connection, const char* url, const char
         return MHD_NO;
     }
     *con_cls = state;
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    if (info != nullptr) {
+        state->guarded = static_cast<guarded_connection*>(info->socket_context);
+    }
     if (declared_body_too_large(connection)) {
+        connection_guard_request_received(state->guarded);
         return queue_plain(connection, BODY_TOO_LARGE);
     }
     state->resource = find_http_resource(url);
@@ -161,6 +187,9 @@ MHD_Result take_body(request_state* state, const char* data, size_t* size) {
 
 MHD_Result send_response(MHD_Connection* connection, request_state* state,
                          std::shared_ptr<httpserver::http_response> response) {
+    if (!response) {
+        return queue_plain(connection, HANDLER_FAILED);
+    }
     raw_response_ptr raw(response->get_raw_response());
     if (!raw) {
         return queue_plain(connection, HANDLER_FAILED);
@@ -170,6 +199,56 @@ MHD_Result send_response(MHD_Connection* connection, request_state* state,
     return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
 }
 
+// The handler's reply, or null when it failed.
+std::shared_ptr<httpserver::http_response> reply_of(http_handler handler,
+                                                    const httpserver::http_request& request) {
+    try {
+        return handler(request);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// A request on its way through the relay pool. Its connection is
+// suspended from before the job is submitted until answer() resumes it.
+class relay_request final : public relay_job {
+public:
+    relay_request(MHD_Connection* connection, request_state* state,
+                  const relay_marking& marking, httpserver::http_request request)
+        : connection(connection), state(state), marking(marking), request(std::move(request)) {}
+
+    void run() override { answer(state->handler); }
+
+    void refuse() override {
+        log_File_Debug_s(DEBUG_LOG_PATH, DEBUG_LOG_SIZE_LIMIT,
+                         "relay refused (no room or stopping), answered as failed: %s %s",
+                         request.get_method().c_str(), request.get_path().c_str());
+        answer(marking.refused);
+    }
+
+private:
+    // The last touch of the request's state and connection.
+    void answer(http_handler handler) {
+        state->response = reply_of(handler, request);
+        state->relay_answered = true;
+        MHD_resume_connection(connection);
+    }
+
+    MHD_Connection* connection;
+    request_state* state;
+    const relay_marking& marking;
+    httpserver::http_request request;
+};
+
+MHD_Result hand_to_relay_pool(MHD_Connection* connection, request_state* state,
+                              const relay_marking& marking,
+                              httpserver::http_request request) {
+    auto job = std::make_unique<relay_request>(connection, state, marking, std::move(request));
+    MHD_suspend_connection(connection);
+    relay_pool_submit(std::move(job));
+    return MHD_YES;
+}
+
 MHD_Result call_handler(MHD_Connection* connection, const char* url, const char* method,
                         request_state* state) {
     try {
@@ -177,11 +256,11 @@ MHD_Result call_handler(MHD_Connection* connection, const char* url, const char*
             method, url, collect_values<httpserver::arg_map>(connection, MHD_GET_ARGUMENT_KIND),
             collect_values<httpserver::header_map>(connection, MHD_HEADER_KIND),
             std::move(state->body));
-        std::shared_ptr<httpserver::http_response> response = state->handler(request);
-        if (!response) {
-            return queue_plain(connection, HANDLER_FAILED);
+        const relay_marking* relay = state->resource->relay_for(request);
+        if (relay != nullptr) {
+            return hand_to_relay_pool(connection, state, *relay, std::move(request));
         }
-        return send_response(connection, state, std::move(response));
+        return send_response(connection, state, reply_of(state->handler, request));
     } catch (...) {
         return queue_plain(connection, HANDLER_FAILED);
     }
@@ -189,6 +268,10 @@ MHD_Result call_handler(MHD_Connection* connection, const char* url, const char*
 
 MHD_Result finish_request(MHD_Connection* connection, const char* url, const char* method,
                           request_state* state) {
+    if (state->relay_answered) {
+        return send_response(connection, state, std::move(state->response));
+    }
+    connection_guard_request_received(state->guarded);
     if (state->body_received > SSCI_MAX_REQUEST_BODY) {
         return queue_plain(connection, BODY_TOO_LARGE);
     }
@@ -220,8 +303,45 @@ MHD_Result on_request(void*, MHD_Connection* connection, const char* url, const 
 }
 
 void on_completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
-    delete static_cast<request_state*>(*con_cls);
+    auto* state = static_cast<request_state*>(*con_cls);
+    if (state != nullptr) {
+        connection_guard_request_done(state->guarded);
+    }
+    delete state;
     *con_cls = nullptr;
+}
+
+void on_connection(void*, MHD_Connection* connection, void** socket_context,
+                   MHD_ConnectionNotificationCode code) {
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+        connection_guard_closed(static_cast<guarded_connection*>(*socket_context));
+        *socket_context = nullptr;
+        return;
+    }
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    *socket_context = info == nullptr ? nullptr : connection_guard_opened(info->connect_fd);
+}
+
+// Raises the soft descriptor limit towards what the wanted connections
+// need (never past the hard limit, never lowering it), and returns the
+// connection limit that the descriptors left allow.
+unsigned connection_limit(unsigned threads) {
+    const rlim_t reserved = RESERVED_DESCRIPTORS + DESCRIPTORS_PER_THREAD * threads;
+    const rlim_t wanted = WANTED_CONNECTIONS + reserved;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        limit.rlim_cur < wanted) {
+        limit.rlim_cur =
+            limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return WANTED_CONNECTIONS;
+    }
+    const rlim_t usable = limit.rlim_cur > 2 * reserved ? limit.rlim_cur - reserved
+                                                         : limit.rlim_cur / 2;
+    return static_cast<unsigned>(std::min<rlim_t>(usable, WANTED_CONNECTIONS));
 }
 
 // "localhost" and other names may give IPv4 and IPv6 addresses; IPv4 is
@@ -277,8 +397,7 @@ long long ssci_server_create(const char*, const char* ip_addrs, int port, int th
     if (g_server.phase != server_phase::absent) {
         return SSCI_STATUS_OUT_OF_ORDER;
     }
-    if (ip_addrs == nullptr || port < 1 || port > MAX_PORT || thread_no < 1 ||
-        thread_no > MAX_THREADS) {
+    if (ip_addrs == nullptr || port < 1 || port > MAX_PORT || thread_no < 1) {
         return SSCI_STATUS_BAD_ARGUMENT;
     }
     // A client that goes away while we write must not end the process.
@@ -301,17 +420,25 @@ long long ssci_server_start() {
     }
     // One listener thread runs without a pool.
     const intptr_t pool_size = g_server.thread_count > 1 ? g_server.thread_count : 0;
+    const unsigned limit = connection_limit(g_server.thread_count);
     MHD_OptionItem options[] = {
         {MHD_OPTION_LISTEN_SOCKET, g_server.listen_fd, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, pool_size, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, CONNECTION_IDLE_SECONDS, nullptr},
-        {MHD_OPTION_CONNECTION_LIMIT, CONNECTION_LIMIT, nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(limit), nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
-    g_server.daemon = MHD_start_daemon(DAEMON_FLAGS, 0, nullptr, nullptr, on_request, nullptr,
-                                       MHD_OPTION_ARRAY, options, MHD_OPTION_NOTIFY_COMPLETED,
-                                       on_completed, nullptr, MHD_OPTION_END);
+    if (!connection_guard_start(limit)) {
+        return SSCI_STATUS_START_FAILED;
+    }
+    relay_pool_start();
+    g_server.daemon = MHD_start_daemon(
+        DAEMON_FLAGS, 0, nullptr, nullptr, on_request, nullptr, MHD_OPTION_ARRAY, options,
+        MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_NOTIFY_CONNECTION,
+        on_connection, nullptr, MHD_OPTION_END);
     if (g_server.daemon == nullptr) {
+        connection_guard_stop();
+        relay_pool_stop();
         return SSCI_STATUS_START_FAILED;
     }
     g_server.phase = server_phase::running;
@@ -320,7 +447,9 @@ long long ssci_server_start() {
 
 // Takes the listen socket back from libmicrohttpd first, so that stopping
 // the daemon leaves it open: the server may start again, and destory
-// closes it.
+// closes it. Relays in flight end within their own time limits; those still
+// waiting for a worker are answered as failed at once. No connection is
+// suspended once the pool has stopped, as libmicrohttpd requires.
 long long ssci_server_stop() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
     if (g_server.phase != server_phase::running) {
@@ -329,6 +458,8 @@ long long ssci_server_stop() {
     if (MHD_quiesce_daemon(g_server.daemon) != g_server.listen_fd) {
         g_server.listen_fd = -1;  // MHD_stop_daemon closes it
     }
+    relay_pool_stop();
+    connection_guard_stop();
     MHD_stop_daemon(g_server.daemon);
     g_server.daemon = nullptr;
     g_server.phase = server_phase::created;

@@ -16,14 +16,14 @@ constexpr std::size_t SSCI_MAX_REQUEST_BODY = 64 * 1024;
 // Statuses of the calls below. Failures of the socket calls in
 // ssci_server_create return that call's errno, negated (-EADDRINUSE, ...).
 constexpr long long SSCI_STATUS_OK = 0;
-// A null address, a port outside 1..65535, a thread count outside 1..64.
+// A null address, a port outside 1..65535, a thread count below 1.
 constexpr long long SSCI_STATUS_BAD_ARGUMENT = -EINVAL;
 // Called out of order: create twice, start before create, destory while
 // the server runs, and so on.
 constexpr long long SSCI_STATUS_OUT_OF_ORDER = -EPERM;
 // The listen address does not resolve.
 constexpr long long SSCI_STATUS_NO_ADDRESS = -EADDRNOTAVAIL;
-// libmicrohttpd could not start its threads.
+// libmicrohttpd could not start its threads (any count above 0 is tried).
 constexpr long long SSCI_STATUS_START_FAILED = -EIO;
 
 long long ssci_server_create(const char* name, const char* ip_addrs, int port,

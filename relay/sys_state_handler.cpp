@@ -1,7 +1,8 @@
-// sys_state_handler.cpp - the system-state relay. Runs on the server's
-// listener threads, several at once; each relay blocks only its own thread
-// (for at most the client's time limit per step) and touches no shared
-// state of this daemon, so it takes no lock.
+// sys_state_handler.cpp - the system-state relay. Marked as waiting on
+// another service, so it runs on the server's relay workers, several at
+// once; each relay blocks only its own worker (for at most the client's time
+// limit per step) and touches no shared state of this daemon, so it takes no
+// lock.
 #include "relay/sys_state_handler.h"
 
 #include <string>
@@ -33,5 +34,18 @@ const std::shared_ptr<httpserver::http_response> proc_sys_state_get(
     return make_ssci_response(body, HTTP_STATUS_OK, JSON_CONTENT_TYPE);
 }
 
+namespace {
+
+// A relay that could not be made answers as a failed one: an empty body.
+const std::shared_ptr<httpserver::http_response> sys_state_not_asked(
+    const httpserver::http_request&) {
+    return make_ssci_response("", HTTP_STATUS_OK, JSON_CONTENT_TYPE);
+}
+
+// Every request of the resource waits on the service.
+const relay_marking sys_state_relay = {nullptr, sys_state_not_asked};
+
+}  // namespace
+
 common_http_resource sys_state_resource("/managerService/sys_state", proc_sys_state_get,
-                                        nullptr, nullptr, nullptr);
+                                        nullptr, nullptr, nullptr, &sys_state_relay);

@@ -8,6 +8,7 @@ written there before it starts. The host's own copies are never touched.
 """
 import http.client
 import os
+import resource
 import shutil
 import signal
 import socket
@@ -136,12 +137,13 @@ class Sandbox:
         return subprocess.run(self.command(args), stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=deadline(timeout))
 
-    def start(self, *args, port=None, add_port=True):
-        """Starts the daemon with "-p PORT" (a free port unless given) and args."""
+    def start(self, *args, port=None, add_port=True, nofile=None):
+        """Starts the daemon with "-p PORT" (a free port unless given) and args;
+        `nofile` sets its descriptor limit (soft and hard)."""
         if port is None:
             port = free_port() if add_port else DEFAULT_PORT
         full = (["-p", str(port)] if add_port else []) + [str(a) for a in args]
-        daemon = Daemon(self, full, port)
+        daemon = Daemon(self, full, port, nofile)
         self.daemons.append(daemon)
         return daemon
 
@@ -154,14 +156,18 @@ class Sandbox:
 class Daemon:
     """One run of the daemon in a sandbox."""
 
-    def __init__(self, sandbox, args, port):
+    def __init__(self, sandbox, args, port, nofile=None):
         self.sandbox = sandbox
         self.args = args
         self.port = port
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
         self._stderr = open(self.stderr_path, "wb")
+
+        def limit_descriptors():
+            resource.setrlimit(resource.RLIMIT_NOFILE, (nofile, nofile))
         self.proc = subprocess.Popen(sandbox.command(args), stdin=subprocess.DEVNULL,
-                                     stdout=self._stderr, stderr=self._stderr)
+                                     stdout=self._stderr, stderr=self._stderr,
+                                     preexec_fn=limit_descriptors if nofile else None)
 
     @property
     def pid(self):

@@ -134,9 +134,8 @@ def history_status(port, name, replies):
 
 
 def start_one_by_one(askers, peer):
-    """Starts each asker once the previous one's request reached the peer: a
-    listener thread serves the connections it accepted in turn, so requests
-    sent together could queue behind one another on one thread."""
+    """Starts each asker once the previous one's request reached the peer, so
+    that every one of them is known to be under way."""
     for count, thread in enumerate(askers, start=1):
         thread.start()
         assert peer.wait_requests(count, deadline(5)), "a history request never arrived"

@@ -20,6 +20,14 @@ WHOLE_LINE = re.compile(r"c\d+-\d+,10\.3\.\d+\.\d+,\d+")
 # descriptor must be gone a little after that.
 IDLE_DROP_SECONDS = 15
 STALLED_CLIENTS = 60
+# A descriptor limit of 700 leaves the server 350 connections; past 7/8 of
+# them (306) the longest waiting are closed until 3/4 (258) are left.
+GUARDED_NOFILE = 700
+IDLE_CLIENTS = 400
+IDLE_CLOSED_FIRST = 40
+IDLE_KEPT = 40
+# A request head must be complete within 10 s.
+TRICKLE_CUT_SECONDS = 15
 STORM_POSTS = 1000
 STORM_CLIENTS = 20
 STORM_SCRIPT = "#!/bin/sh\nsleep 2\necho ran >> /tmp/storm.count\n"
@@ -123,6 +131,40 @@ def test_stalled_and_vanishing_clients_lose_no_thread(sandbox):
         assert all(dropped_by_server(sock) for sock in still_open)
     finally:
         for sock in held:
+            sock.close()
+    assert daemon.stop() == 0
+
+
+def closed_by_server(sock):
+    try:
+        return sock.recv(1, socket.MSG_DONTWAIT) == b""
+    except BlockingIOError:
+        return False
+    except ConnectionResetError:
+        return True
+
+
+def test_connections_that_never_finish_a_request_make_room(sandbox):
+    """With a small descriptor limit (so a connection limit of 350), idle
+    clients past 7/8 of it lose their connections oldest first, a header
+    trickler is cut off after 10 s, and others are answered throughout."""
+    daemon = sandbox.start(nofile=GUARDED_NOFILE).wait_ready()
+    idle = [socket.create_connection(("127.0.0.1", daemon.port)) for _ in range(IDLE_CLIENTS)]
+    trickler = socket.create_connection(("127.0.0.1", daemon.port))
+    try:
+        assert wait_for(lambda: all(closed_by_server(sock) for sock in idle[:IDLE_CLOSED_FIRST]))
+        assert not any(closed_by_server(sock) for sock in idle[-IDLE_KEPT:])
+        reply = http_request(daemon.port, "GET", f"{SVCMGR}?method=get_info&name=x")
+        assert json.loads(reply.body)["return"] == -2
+        trickler.sendall(b"GET /managerService/svcmgr?method=get_info&name=x HTTP/1.1\r\n")
+
+        def trickle():
+            trickler.sendall(b"X-Slow: 1\r\n")
+            return closed_by_server(trickler)
+        assert wait_for(trickle, TRICKLE_CUT_SECONDS, interval=1), "header trickler kept"
+    finally:
+        trickler.close()
+        for sock in idle:
             sock.close()
     assert daemon.stop() == 0
 

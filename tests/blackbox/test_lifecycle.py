@@ -105,13 +105,18 @@ def test_port_in_use_ends_start_up_with_status_1(sandbox):
     assert b"failed" not in result.stderr
 
 
-@pytest.mark.parametrize("args", [["-t", "65"], ["-p", "70000"]])
-def test_values_the_server_refuses_end_start_up(sandbox, args):
-    result = sandbox.run(args)
+def test_port_the_server_refuses_ends_start_up(sandbox):
+    result = sandbox.run(["-p", "70000"])
     assert result.returncode == 1
     assert b"listen        : [" in result.stderr
     assert "ssci_server_create failed, ret=[-22] exit." in sandbox.debug_log()
     assert not sandbox.exists(READY_MARKER)
+
+
+def test_any_thread_count_above_0_is_served(sandbox):
+    daemon = sandbox.start("-t", "65").wait_ready()
+    assert daemon.request("GET", "/managerService/svcmgr?method=get_info&name=a").status == 200
+    assert daemon.stop() == 0
 
 
 def test_second_instance_on_the_same_port_fails(sandbox):

@@ -127,7 +127,7 @@ def test_relays_in_flight_do_not_block_registration(name_server_daemon):
                    for _ in range(3)]
         for thread in threads:
             thread.start()
-        # Every relay has reached its handler (each blocks a listener thread).
+        # Every relay has reached its handler (each waits on a relay worker).
         assert wait_for(lambda: daemon.stderr_text().count("proc_sys_state_get()\n") == 3)
         for index in range(5):
             register(daemon, f"svc{index}", 1000 + index)
@@ -137,6 +137,17 @@ def test_relays_in_flight_do_not_block_registration(name_server_daemon):
         for thread in threads:
             thread.join(deadline(SILENT_BOUND))
     assert results == [b""] * 3
+
+
+def test_single_listener_thread_relays_through_its_own_name_server(sandbox):
+    """The relay waits on a worker, so the one listener thread answers the
+    relay's own look-up meanwhile."""
+    if not default_port_free():
+        pytest.skip(f"port {DEFAULT_PORT} is taken on this host")
+    daemon = sandbox.start("-t", "1", add_port=False).wait_ready()
+    with FakePeer(answer(200, b'{"state": 1}')) as peer:
+        register(daemon, "recStreamService", peer.port)
+        assert relay(daemon) == b'{"state": 1}'
 
 
 @pytest.fixture

@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -109,6 +111,41 @@ TEST(DoCurlGetRequest, ClosedPortIsATransferFailure) {
                                   "method=get_history", &response),
               HTTP_GET_TRANSFER_FAILED);
     EXPECT_TRUE(response.empty());
+}
+
+// A registered address that carries a scheme of its own never makes
+// libcurl speak another protocol: the transfer fails, nothing reaches the
+// listening port and no local file is read.
+TEST(DoCurlGetRequest, OtherSchemesFailWithoutAConnection) {
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 8), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    const int port = ntohs(address.sin_port);
+    // file:///tmp/hgc:1/x/svcmon is what the file case would read.
+    ASSERT_EQ(system("mkdir -p '/tmp/hgc:1/x' && echo '{}' > '/tmp/hgc:1/x/svcmon'"), 0);
+    const struct {
+        const char* host;
+        int port;
+    } cases[] = {
+        {"dict://127.0.0.1", port}, {"gopher://127.0.0.1", port}, {"telnet://127.0.0.1", port},
+        {"ftp://127.0.0.1", port},  {"file:///tmp/hgc", 1},
+    };
+    for (const auto& c : cases) {
+        std::string response;
+        EXPECT_EQ(do_curl_GET_request(c.host, c.port, "/x/svcmon", "method=get_history",
+                                      &response),
+                  HTTP_GET_TRANSFER_FAILED)
+            << c.host;
+        EXPECT_EQ(response, "") << c.host;
+    }
+    pollfd pending{listener, POLLIN, 0};
+    EXPECT_EQ(poll(&pending, 1, 0), 0);
+    close(listener);
 }
 
 TEST(CurlWriteToString, AppendsAndReportsEveryByte) {

@@ -11,9 +11,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -58,7 +60,36 @@ const std::shared_ptr<httpserver::http_response> big(const httpserver::http_requ
     return std::make_shared<httpserver::string_response>(std::string(BIG_BODY_SIZE, 'b'));
 }
 
+// A handler that waits on "another service" (the gate) when asked with
+// relay=1, and answers at once otherwise.
+std::mutex gate_lock;
+std::condition_variable gate_changed;
+bool gate_open = false;    // guarded by gate_lock
+int waiting_at_gate = 0;   // guarded by gate_lock
+
+const std::shared_ptr<httpserver::http_response> gated(const httpserver::http_request& request) {
+    if (request.get_arg("relay") != "1") {
+        return std::make_shared<httpserver::string_response>("at once");
+    }
+    std::unique_lock<std::mutex> hold(gate_lock);
+    ++waiting_at_gate;
+    gate_changed.notify_all();
+    gate_changed.wait(hold, [] { return gate_open; });
+    return std::make_shared<httpserver::string_response>("relayed");
+}
+
+const std::shared_ptr<httpserver::http_response> not_relayed(const httpserver::http_request&) {
+    return std::make_shared<httpserver::string_response>("not relayed");
+}
+
+bool asks_relay(const httpserver::http_request& request) {
+    return request.get_arg("relay") == "1";
+}
+
+const relay_marking gated_relay = {asks_relay, not_relayed};
+
 common_http_resource echo_resource("/echo", echo, echo, echo, echo);
+common_http_resource gated_resource("/gated", gated, nullptr, nullptr, nullptr, &gated_relay);
 common_http_resource deeper_resource("/echo/deeper", deeper, nullptr, nullptr, nullptr);
 common_http_resource get_only_resource("/get-only", echo, nullptr, nullptr, nullptr);
 common_http_resource post_delete_resource("/post-delete", nullptr, echo, nullptr, echo);
@@ -365,8 +396,7 @@ TEST(ServerCreate, RejectsBadArguments) {
         int threads;
     } cases[] = {
         {"localhost", 0, 1},     {"localhost", -1, 1},    {"localhost", 65536, 1},
-        {"localhost", 10182, 0}, {"localhost", 10182, -3}, {"localhost", 10182, 65},
-        {nullptr, 10182, 1},
+        {"localhost", 10182, 0}, {"localhost", 10182, -3}, {nullptr, 10182, 1},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(create_server(c.address, c.port, c.threads), SSCI_STATUS_BAD_ARGUMENT)
@@ -414,7 +444,8 @@ TEST(ServerLifecycle, CallsOutOfOrderAreRefused) {
 
 TEST(ServerLifecycle, RestartAndRecreateOnTheSamePort) {
     const int port = free_port();
-    ASSERT_EQ(create_server("localhost", port, 2), SSCI_STATUS_OK);
+    // Any thread count above 0 is served as given.
+    ASSERT_EQ(create_server("localhost", port, 65), SSCI_STATUS_OK);
     for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(ssci_server_start(), SSCI_STATUS_OK);
         EXPECT_EQ(round_trip(port, request_text("GET", "/echo")).status, 200) << round;
@@ -445,6 +476,35 @@ TEST(ServerLifecycle, ListensOnIpv6Loopback) {
     ASSERT_EQ(ssci_server_start(), SSCI_STATUS_OK);
     EXPECT_EQ(round_trip(port, request_text("GET", "/echo"), AF_INET6).status, 200);
     EXPECT_LT(connect_loopback(AF_INET, port), 0);
+    EXPECT_EQ(ssci_server_stop(), SSCI_STATUS_OK);
+    EXPECT_EQ(ssci_server_destory(), SSCI_STATUS_OK);
+}
+
+// A request marked as waiting on another service runs off the listener
+// threads: with a single one, others are answered while it waits.
+TEST(ServerRelay, WaitingRequestHoldsNoListenerThread) {
+    const int port = free_port();
+    ASSERT_EQ(create_server("localhost", port, 1), SSCI_STATUS_OK);
+    ASSERT_EQ(ssci_server_start(), SSCI_STATUS_OK);
+    int relayed = connect_loopback(AF_INET, port);
+    ASSERT_GE(relayed, 0);
+    ASSERT_TRUE(send_all(relayed, request_text("GET", "/gated?relay=1")));
+    {
+        std::unique_lock<std::mutex> hold(gate_lock);
+        ASSERT_TRUE(gate_changed.wait_for(hold, std::chrono::seconds(IO_TIMEOUT_SECONDS),
+                                          [] { return waiting_at_gate == 1; }));
+    }
+    EXPECT_EQ(round_trip(port, request_text("GET", "/gated")).body, "at once");
+    EXPECT_EQ(round_trip(port, request_text("GET", "/echo")).status, 200);
+    {
+        std::lock_guard<std::mutex> hold(gate_lock);
+        gate_open = true;
+        gate_changed.notify_all();
+    }
+    http_reply reply = read_reply(relayed);
+    close(relayed);
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.body, "relayed");
     EXPECT_EQ(ssci_server_stop(), SSCI_STATUS_OK);
     EXPECT_EQ(ssci_server_destory(), SSCI_STATUS_OK);
 }
