@@ -4,7 +4,8 @@
 # for 32-bit ARM (armhf), runs the unit tests under qemu-arm inside the
 # overlay sandbox, starts the armhf daemon under qemu and does one register /
 # get_info / unregister round trip over loopback, reports the device
-# footprint against its budget and makes the armhf Debian package. Exits
+# footprint against its budget, makes the armhf Debian package and checks
+# it with lintian (no error, no warning). Exits
 # non-zero on any failure and says how long each step took.
 #
 # The footprint is the stripped binary plus every shared library it needs,
@@ -182,7 +183,12 @@ package() {
         { cat "$BUILD/package.log" >&2; fail "cpack"; }
     deb=$(ls "$BUILD"/package/*.deb)
     [ "$(dpkg-deb -f "$deb" Architecture)" = armhf ] || fail "$deb is not for armhf"
-    say "package: $deb"
+    say "package: $deb, Depends: $(dpkg-deb -f "$deb" Depends)"
+    lintian "$deb" >"$BUILD/lintian.log" 2>&1 || true
+    if grep -E '^[EW]: ' "$BUILD/lintian.log"; then
+        fail "lintian finds errors or warnings in $deb"
+    fi
+    say "lintian: no errors, no warnings"
 }
 
 build

@@ -108,6 +108,12 @@ def test_package_declares_runtime_libraries_and_architecture(package):
         assert path in listing
 
 
+def test_package_is_lintian_clean(package):
+    run = subprocess.run(["lintian", package], capture_output=True, text=True, timeout=300)
+    problems = [line for line in run.stdout.splitlines() if line.startswith(("E: ", "W: "))]
+    assert not problems, run.stdout + run.stderr
+
+
 # Runs inside the sandbox: installs the package and drives its init script
 # (through `sh`, so that with BusyBox first in PATH BusyBox's shell runs it
 # too). Every step prints "STEP <name> <exit status>" and what it answered;
