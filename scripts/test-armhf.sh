@@ -142,6 +142,7 @@ in_sysroot() {
 libraries_beyond_runtime() {
     pending=$(needed "$1") seen=""
     while [ -n "$pending" ]; do
+        # shellcheck disable=SC2086 # a list of library names
         set -- $pending
         lib=$1
         shift
@@ -160,12 +161,13 @@ footprint_report() {
     "$TRIPLET-strip" -o "$stripped" "$BUILD/manager_svc"
     bytes=$(stat -c %s "$stripped")
     libraries=$(libraries_beyond_runtime "$stripped")
-    library_bytes=0
+    library_bytes=0 library_count=0
     for lib in $libraries; do
         library_bytes=$((library_bytes + $(stat -c %s "$lib")))
+        library_count=$((library_count + 1))
     done
     total=$((bytes + library_bytes))
-    say "armhf footprint: binary $bytes B stripped + $(echo $libraries | wc -w) libraries" \
+    say "armhf footprint: binary $bytes B stripped + $library_count libraries" \
         "beyond the C/C++ runtime $library_bytes B = $total B ($((total / 1024)) KiB)," \
         "budget $((SIZE_BUDGET / 1024)) KiB"
     for lib in $libraries; do
