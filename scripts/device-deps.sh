@@ -115,6 +115,7 @@ fetch_sources() {
     (cd "$SOURCE_DIR" && private_apt source $SOURCE_PACKAGES) >"$SOURCE_DIR.log" 2>&1 ||
         fail "apt-get source failed; see $SOURCE_DIR.log"
     touch "$SOURCE_DIR/.complete"
+    rm -f "$SOURCE_DIR.log"
 }
 
 source_of() {
