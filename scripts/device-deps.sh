@@ -20,7 +20,7 @@
 #
 # The result is cached outside the work tree, like the armhf sysroot, and
 # rebuilt only when this recipe changes; it is built beside its place and
-# renamed into place when complete.
+# renamed into place when complete. Runs on one machine take turns.
 #
 # usage: scripts/device-deps.sh [armhf|host]      (default armhf)
 # Environment:
@@ -167,6 +167,11 @@ build_deps() {
     rm -rf "$PREFIX"
     mv "$partial" "$PREFIX"
 }
+
+# One run at a time per machine: the sources and their apt lists are shared.
+mkdir -p "$CACHE_DIR"
+exec 9>"$CACHE_DIR/device-deps.lock"
+flock 9
 
 if [ -f "$PREFIX/$STAMP_NAME" ] && [ "$(cat "$PREFIX/$STAMP_NAME")" = "$STAMP_TEXT" ]; then
     say "up to date: $PREFIX"
