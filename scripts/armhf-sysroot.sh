@@ -26,21 +26,16 @@ CACHE_DIR=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/manager_svc
 SYSROOT=${MANAGER_SVC_ARMHF_SYSROOT:-$CACHE_DIR/armhf-sysroot-$SUITE}
 STAMP_NAME=.manager_svc-sysroot
 STAMP_TEXT="armhf $SUITE $TARGET_PACKAGES"
-FALLBACK_MIRROR=http://deb.debian.org/debian
 
 say() { echo "armhf-sysroot: $*" >&2; }
 fail() { say "$*"; exit 1; }
 
-# The archive that apt already uses for $SUITE, from the one-line and the
-# deb822 source lists alike.
+# shellcheck source=scripts/debian-sources.sh
+. "$(dirname "$0")/debian-sources.sh"
+
+# The archive that apt already uses for $SUITE.
 apt_mirror() {
-    cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
-        /etc/apt/sources.list.d/*.sources 2>/dev/null | awk -v suite="$SUITE" '
-        /^deb / { for (i = 2; i <= NF; i++) if ($i !~ /^\[/ && $i !~ /\]$/) break
-                  if ($(i + 1) == suite) { print $i; exit } }
-        /^URIs:/ { uri = $2 }
-        /^Suites:/ { for (i = 2; i <= NF; i++) if ($i == suite && uri != "") { print uri; exit } }
-        /^$/ { uri = "" }'
+    debian_sources "$SUITE" | awk -v suite="$SUITE" '$2 == suite { print $1; exit }'
 }
 
 need_tools() {
@@ -61,7 +56,7 @@ relink_absolute_symlinks() {
 build_sysroot() {
     partial=$SYSROOT.partial
     mirror=${MANAGER_SVC_DEBIAN_MIRROR:-$(apt_mirror)}
-    mirror=${mirror:-$FALLBACK_MIRROR}
+    [ -n "$mirror" ] || fail "apt has no archive entry for $SUITE; set MANAGER_SVC_DEBIAN_MIRROR"
     rm -rf "$partial"
     mkdir -p "$partial"
     say "downloading $SUITE armhf with: $TARGET_PACKAGES"

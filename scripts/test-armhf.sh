@@ -1,20 +1,27 @@
 #!/bin/sh
-# The device check: builds manager_svc and its unit tests for 32-bit ARM
-# (armhf), runs the unit tests under qemu-arm inside the overlay sandbox,
-# starts the armhf daemon under qemu and does one register / get_info /
-# unregister round trip over loopback, reports the stripped binary's size
-# against the device budget and makes the armhf Debian package. Exits
+# The device check: builds the device build of manager_svc (linked with
+# the static minimal libraries of scripts/device-deps.sh) and its unit tests
+# for 32-bit ARM (armhf), runs the unit tests under qemu-arm inside the
+# overlay sandbox, starts the armhf daemon under qemu and does one register /
+# get_info / unregister round trip over loopback, reports the device
+# footprint against its budget, makes the armhf Debian package and checks
+# it with lintian (no error, no warning). Exits
 # non-zero on any failure and says how long each step took.
+#
+# The footprint is the stripped binary plus every shared library it needs,
+# directly or through another library, beyond the C and C++ runtime (libc,
+# libm, libstdc++, libgcc_s and the dynamic loader), as found in the sysroot.
 #
 # usage: scripts/test-armhf.sh
 # Environment: MANAGER_SVC_ARMHF_BUILD (build dir, default build-armhf in the
-# work tree), and those of scripts/armhf-sysroot.sh.
+# work tree), and those of scripts/armhf-sysroot.sh and scripts/device-deps.sh.
 set -eu
 
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${MANAGER_SVC_ARMHF_BUILD:-$REPO/build-armhf}
 SANDBOX_RUN=$REPO/tests/sandbox/sandbox_run.sh
-SIZE_BUDGET=163840
+SIZE_BUDGET=1048576
+TRIPLET=arm-linux-gnueabihf
 READY_TIMEOUT=60
 STOP_TIMEOUT=30
 CURL="curl -sS --max-time 10"
@@ -35,9 +42,11 @@ trap cleanup EXIT
 build() {
     "$REPO/scripts/setup.sh" armhf
     SYSROOT=$("$REPO/scripts/armhf-sysroot.sh" | tail -n 1)
+    DEVICE_DEPS=$("$REPO/scripts/device-deps.sh" armhf | tail -n 1)
     mkdir -p "$BUILD"
     cmake -S "$REPO" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
-        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON >"$BUILD/configure.log" 2>&1 ||
+        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON \
+        -DMANAGER_SVC_DEVICE_DEPS="$DEVICE_DEPS" >"$BUILD/configure.log" 2>&1 ||
         { cat "$BUILD/configure.log" >&2; fail "configure"; }
     cmake --build "$BUILD" -j2 || fail "build"
 }
@@ -110,13 +119,63 @@ round_trip() {
     say "daemon round trip under qemu-arm took $(elapsed "$t0")"
 }
 
-size_report() {
+needed() {
+    "$TRIPLET-readelf" -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'
+}
+
+is_runtime() {
+    case "$1" in
+        libc.so.* | libm.so.* | libstdc++.so.* | libgcc_s.so.* | ld-linux*) return 0 ;;
+    esac
+    return 1
+}
+
+in_sysroot() {
+    for dir in "$SYSROOT/lib/$TRIPLET" "$SYSROOT/usr/lib/$TRIPLET" "$SYSROOT/lib" "$SYSROOT/usr/lib"; do
+        [ -e "$dir/$1" ] && realpath "$dir/$1" && return 0
+    done
+    fail "$1 not found in $SYSROOT"
+}
+
+# The libraries beyond the runtime that $1 needs, directly or not: one
+# resolved path per line, each once.
+libraries_beyond_runtime() {
+    pending=$(needed "$1") seen=""
+    while [ -n "$pending" ]; do
+        # shellcheck disable=SC2086 # a list of library names
+        set -- $pending
+        lib=$1
+        shift
+        pending="$*"
+        case " $seen " in *" $lib "*) continue ;; esac
+        seen="$seen $lib"
+        is_runtime "$lib" && continue
+        path=$(in_sysroot "$lib")
+        echo "$path"
+        pending="$pending $(needed "$path")"
+    done
+}
+
+footprint_report() {
     stripped=$BUILD/manager_svc.stripped
-    arm-linux-gnueabihf-strip -o "$stripped" "$BUILD/manager_svc"
+    "$TRIPLET-strip" -o "$stripped" "$BUILD/manager_svc"
     bytes=$(stat -c %s "$stripped")
-    say "armhf stripped size: $bytes bytes ($((bytes / 1024)) KiB), budget $((SIZE_BUDGET / 1024)) KiB"
-    arm-linux-gnueabihf-size "$stripped"
+    libraries=$(libraries_beyond_runtime "$stripped")
+    library_bytes=0 library_count=0
+    for lib in $libraries; do
+        library_bytes=$((library_bytes + $(stat -c %s "$lib")))
+        library_count=$((library_count + 1))
+    done
+    total=$((bytes + library_bytes))
+    say "armhf footprint: binary $bytes B stripped + $library_count libraries" \
+        "beyond the C/C++ runtime $library_bytes B = $total B ($((total / 1024)) KiB)," \
+        "budget $((SIZE_BUDGET / 1024)) KiB"
+    for lib in $libraries; do
+        say "  $(stat -c %s "$lib") B ${lib#"$SYSROOT"}"
+    done
+    say "runtime libraries needed: $(needed "$stripped" | tr '\n' ' ')"
     [ "$bytes" -le "$SIZE_BUDGET" ] || fail "stripped binary over the $((SIZE_BUDGET / 1024)) KiB budget"
+    [ "$total" -le "$SIZE_BUDGET" ] || fail "footprint over the $((SIZE_BUDGET / 1024)) KiB budget"
 }
 
 # The device's Debian package, checked to be for armhf.
@@ -126,12 +185,17 @@ package() {
         { cat "$BUILD/package.log" >&2; fail "cpack"; }
     deb=$(ls "$BUILD"/package/*.deb)
     [ "$(dpkg-deb -f "$deb" Architecture)" = armhf ] || fail "$deb is not for armhf"
-    say "package: $deb"
+    say "package: $deb, Depends: $(dpkg-deb -f "$deb" Depends)"
+    lintian "$deb" >"$BUILD/lintian.log" 2>&1 || true
+    if grep -E '^[EW]: ' "$BUILD/lintian.log"; then
+        fail "lintian finds errors or warnings in $deb"
+    fi
+    say "lintian: no errors, no warnings"
 }
 
 build
 unit_tests
 round_trip
-size_report
+footprint_report
 package
 say "all armhf checks passed in $(elapsed "$START")"
