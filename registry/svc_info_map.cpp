@@ -259,18 +259,18 @@ void log_rewrite_failure(const file_rewrite_result& result, std::size_t size) {
 }
 
 // Builds the new content from one snapshot of the registry, then replaces
-// the open file's content with it. Running out of memory while building
-// leaves the file as it was.
+// the open file's content with it. Running out of memory on the way leaves
+// the file as it was.
 void rewrite_registry_file(int fd) {
-    std::string content;
     try {
+        std::string content;
         append_entries(content);
+        const std::size_t size = content.size();
+        log_rewrite_failure(file_rewrite_replace(fd, std::move(content)), size);
     } catch (const std::bad_alloc&) {
         debug_log("%s:%s(%d) out of memory, %s not rewritten.", SOURCE_NAME,
                   "svc_info_write_back", WRITE_BACK_NO_MEMORY_LINE, REGISTRY_FILE_PATH);
-        return;
     }
-    log_rewrite_failure(file_rewrite_replace(fd, content.data(), content.size()), content.size());
 }
 
 }  // namespace
@@ -368,11 +368,12 @@ unsigned long long svc_info_generation() {
 }
 
 // The file is rewritten in place (no temporary file, no rename, no sync):
-// opened without truncating it, refilled from one snapshot of the registry
-// built in memory first, so that it is empty only between the truncation
-// and the one write that follows (see file_rewrite.h). A file that cannot
-// be opened (a symbolic link is refused) or rewritten is logged only: the
-// registry keeps its content and the next change tries again.
+// opened without truncating it, then overwritten with one snapshot of the
+// registry built in memory first, in one write (see file_rewrite.h), so a
+// crash leaves the old content or the new one, never an empty file in
+// between. A file that cannot be opened (a symbolic link is refused) or
+// rewritten is logged only: the registry keeps its content and the next
+// change tries again.
 void svc_info_write_back() {
     print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_write_back", WRITE_BACK_LINE);
     std::lock_guard<std::mutex> writing(write_back_lock);

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "registry/file_rewrite.h"
 #include "registry_test_support.h"
 
 namespace {
@@ -29,6 +30,7 @@ struct registry_write_watch {
     std::size_t bytes_per_call = SIZE_MAX;
     std::size_t calls_before_full = SIZE_MAX;
     std::vector<std::size_t> asked;  // the size of each write asked for
+    std::string first;               // the bytes of the first write
 };
 registry_write_watch watch;
 
@@ -46,6 +48,9 @@ bool is_registry_file(int fd) {
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
     if (watch.armed && is_registry_file(fd)) {
         watch.asked.push_back(size);
+        if (watch.asked.size() == 1) {
+            watch.first.assign(static_cast<const char*>(data), size);
+        }
         if (watch.asked.size() > watch.calls_before_full) {
             errno = ENOSPC;
             return -1;
@@ -205,6 +210,7 @@ std::string register_lines(int count, std::size_t line_length) {
 
 struct write_case {
     const char* what;
+    std::size_t old_size;             // bytes in the file before
     std::size_t bytes_per_call;
     std::size_t calls_before_full;
     std::vector<std::size_t> asked;   // the writes asked for
@@ -213,10 +219,12 @@ struct write_case {
 };
 
 // 100 lines of 100 characters and their line feeds: 10100 bytes.
+const std::size_t LONG_OLD = 10100 + FILE_REWRITE_MAX_PADDING + 1;
 const write_case WRITE_CASES[] = {
-    {"the system takes it all", SIZE_MAX, SIZE_MAX, {10100}, 10100, ""},
-    {"short writes go on", 4000, SIZE_MAX, {10100, 6100, 2100}, 10100, ""},
-    {"disk full mid-write", 4000, 1, {10100, 6100}, 39 * 101,
+    {"the system takes it all", 4, SIZE_MAX, SIZE_MAX, {10100}, 10100, ""},
+    {"a far longer one is truncated", LONG_OLD, SIZE_MAX, SIZE_MAX, {10100}, 10100, ""},
+    {"short writes go on", 4, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100, ""},
+    {"disk full mid-write", 4, 4000, 1, {10100, 6100}, 39 * 101,
      "svc_info_map.cpp:svc_info_write_back(121) 3939 of 10100 bytes kept in "
      "/tmp/.manager_svc.inf, cut at a line end."},
 };
@@ -226,9 +234,9 @@ TEST_F(svc_info_file_test, WriteBackWritesEverythingInOneWriteAndNeverHalfALine)
         SCOPED_TRACE(row.what);
         reset();
         const std::string content = register_lines(100, 100);
-        write_file(REGISTRY_FILE_PATH, "old\n");
+        write_file(REGISTRY_FILE_PATH, std::string(row.old_size - 1, 'o') + "\n");
         debug_log_tail debug;
-        watch = registry_write_watch{true, row.bytes_per_call, row.calls_before_full, {}};
+        watch = registry_write_watch{true, row.bytes_per_call, row.calls_before_full, {}, {}};
         svc_info_write_back();
         watch.armed = false;
         EXPECT_EQ(row.asked, watch.asked);
@@ -240,6 +248,23 @@ TEST_F(svc_info_file_test, WriteBackWritesEverythingInOneWriteAndNeverHalfALine)
             EXPECT_TRUE(debug.has_record(row.logged));
         }
     }
+}
+
+// A longer old file is covered by padding in the same write, then cut to
+// length. A crash between the two leaves the new content and its padding,
+// which loads as the new content.
+TEST_F(svc_info_file_test, LongerOldFileIsPaddedOverAndPaddingLoadsAsNothing) {
+    const std::string content = register_lines(100, 100);
+    write_file(REGISTRY_FILE_PATH, std::string(12000, 'o'));
+    watch = registry_write_watch{true, SIZE_MAX, SIZE_MAX, {}, {}};
+    svc_info_write_back();
+    watch.armed = false;
+    ASSERT_EQ(std::vector<std::size_t>{12000}, watch.asked);
+    EXPECT_EQ(content, read_file(REGISTRY_FILE_PATH));
+    write_file(REGISTRY_FILE_PATH, watch.first);
+    svc_info_destroy();
+    svc_info_init();
+    EXPECT_EQ(content, registry_as_file_text());
 }
 
 // What stands at the registry path instead of a file: a directory, or a
