@@ -11,7 +11,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <climits>
 
 namespace {
 
@@ -96,15 +96,18 @@ file_rewrite_result file_rewrite_replace(int fd, std::string content) {
         result.status = file_rewrite_status::no_space;
         return result;
     }
-    const std::size_t old_size = known ? static_cast<std::size_t>(file.st_size) : SIZE_MAX;
-    const bool padded = old_size > size && old_size - size <= FILE_REWRITE_MAX_PADDING;
-    if (old_size > size && !padded && ftruncate(fd, 0) != 0) {
+    // How much longer the old content is; unknown counts as too long to pad.
+    const unsigned long long old_size = known ? static_cast<unsigned long long>(file.st_size)
+                                              : ULLONG_MAX;
+    const unsigned long long excess = old_size > size ? old_size - size : 0;
+    if (excess > FILE_REWRITE_MAX_PADDING && ftruncate(fd, 0) != 0) {
         result.status = file_rewrite_status::truncate_failed;
         result.error = errno;
         return result;
     }
+    const bool padded = excess > 0 && excess <= FILE_REWRITE_MAX_PADDING;
     if (padded) {
-        append_padding(content, old_size - size);
+        append_padding(content, static_cast<std::size_t>(excess));
     }
     std::size_t written = write_all(fd, content.data(), content.size(), result.error);
     if (written < size) {

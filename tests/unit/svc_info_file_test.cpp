@@ -267,12 +267,15 @@ TEST_F(svc_info_file_test, LongerOldFileIsPaddedOverAndPaddingLoadsAsNothing) {
     EXPECT_EQ(content, registry_as_file_text());
 }
 
-// What stands at the registry path instead of a file: a directory, or a
-// symlink to PLANTED_TARGET holding `target` (none when null); and the
-// error the open that would rewrite it fails with.
+// What stands at the registry path instead of a file: a directory, a FIFO
+// nobody reads (which must not block the write-back), or a symlink to
+// PLANTED_TARGET holding `target` (none when null); and the error the open
+// that would rewrite it fails with.
+enum class planted_kind { directory, fifo, symlink };
+
 struct planted_case {
     const char* what;
-    bool directory;
+    planted_kind kind;
     const char* target;
     int error;
 };
@@ -280,20 +283,23 @@ struct planted_case {
 const char PLANTED_TARGET[] = "/tmp/planted_target";
 
 const planted_case PLANTED_CASES[] = {
-    {"directory", true, nullptr, EISDIR},
-    {"symlink to a file", false, "precious\n", ELOOP},
-    {"dangling symlink", false, nullptr, ELOOP},
+    {"directory", planted_kind::directory, nullptr, EISDIR},
+    {"FIFO", planted_kind::fifo, nullptr, ENXIO},
+    {"symlink to a file", planted_kind::symlink, "precious\n", ELOOP},
+    {"dangling symlink", planted_kind::symlink, nullptr, ELOOP},
 };
 
 void plant(const planted_case& row) {
-    if (row.directory) {
+    if (row.kind == planted_kind::directory) {
         mkdir(REGISTRY_FILE_PATH, 0755);
-        return;
+    } else if (row.kind == planted_kind::fifo) {
+        mkfifo(REGISTRY_FILE_PATH, 0644);
+    } else {
+        if (row.target != nullptr) {
+            write_file(PLANTED_TARGET, row.target);
+        }
+        symlink(PLANTED_TARGET, REGISTRY_FILE_PATH);
     }
-    if (row.target != nullptr) {
-        write_file(PLANTED_TARGET, row.target);
-    }
-    symlink(PLANTED_TARGET, REGISTRY_FILE_PATH);
 }
 
 // The planted thing is left alone (a symlink's target neither written nor
@@ -316,7 +322,8 @@ TEST_F(svc_info_file_test, PlantedPathIsLeftAloneAndNextChangeWritesAll) {
         EXPECT_EQ(row.target != nullptr, path_exists(PLANTED_TARGET));
         EXPECT_EQ(row.target != nullptr ? row.target : "", read_file(PLANTED_TARGET));
 
-        ASSERT_EQ(0, row.directory ? rmdir(REGISTRY_FILE_PATH) : unlink(REGISTRY_FILE_PATH));
+        ASSERT_EQ(0, row.kind == planted_kind::directory ? rmdir(REGISTRY_FILE_PATH)
+                                                        : unlink(REGISTRY_FILE_PATH));
         EXPECT_EQ(SVC_INFO_OK, svc_info_add("c", make_info("10.0.0.3", 3)));
         EXPECT_EQ("b,10.0.0.2,2\nc,10.0.0.3,3\n", read_file(REGISTRY_FILE_PATH));
     }
