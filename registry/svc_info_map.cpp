@@ -10,18 +10,24 @@
 // Neither lock is held on return from any function of this module.
 // Out of memory: an operation passes std::bad_alloc on to its caller with
 // both locks released (std::lock_guard) and the registry, the stored record
-// and the caller's list exactly as they were before the call.
+// and the caller's list exactly as they were before the call. A write-back
+// that runs out of memory leaves the file as it was and only logs it, so an
+// add or delete that changed the registry still completes.
 #include "registry/svc_info_map.h"
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "main/decimal.h"
 #include "main/device_paths.h"
 #include "main/print_log.h"
+#include "registry/file_rewrite.h"
 
 namespace {
 
@@ -37,6 +43,9 @@ constexpr int RESTORE_MISSING_LINE = 97;
 constexpr int WRITE_BACK_LINE = 103;
 constexpr int WRITE_BACK_OPENED_LINE = 108;
 constexpr int WRITE_BACK_ENTRY_LINE = 116;
+constexpr int WRITE_BACK_NO_MEMORY_LINE = 119;
+constexpr int WRITE_BACK_NO_SPACE_LINE = 120;
+constexpr int WRITE_BACK_CUT_LINE = 121;
 constexpr int WRITE_BACK_FOPEN_ERROR_LINE = 123;
 constexpr int INIT_LINE = 129;
 constexpr int UNINIT_LINE = 136;
@@ -69,7 +78,7 @@ unsigned long long service_info_generation = 0;
 // Guards service_info_map and every record in it; constant-initialised, so
 // usable before any constructor has run.
 std::mutex service_info_lock;
-// Serialises whole rewrites of the registry file, from fopen to fclose, so
+// Serialises whole rewrites of the registry file, from open to close, so
 // that two overlapping write-backs never interleave in the file: the file
 // always holds the snapshot of the write-back that ran last. Taken before
 // service_info_lock; a lock of its own keeps readers of the registry free
@@ -142,15 +151,18 @@ bool name_is_empty(const std::string& name) {
     return true;
 }
 
-// Writes one "name,ip,port" line per entry, in name order, cut at 126
-// characters. Called with service_info_lock held.
-void write_entries(FILE* file) {
+// Appends one "name,ip,port" line per entry, in name order, cut at 126
+// characters, to `content`, and logs each line. Takes service_info_lock, so
+// the content is one snapshot of the registry.
+void append_entries(std::string& content) {
+    std::lock_guard<std::mutex> hold(service_info_lock);
     char line[LINE_BUFFER_SIZE];
     for (const auto& entry : service_info_map) {
         memset(line, 0, sizeof line);
         snprintf(line, LINE_LIMIT, "%s,%s,%d", entry.first.c_str(),
                  entry.second->ip.c_str(), entry.second->port);
-        fprintf(file, "%s\n", line);
+        content.append(line);
+        content.push_back('\n');
         print_log(DEBUG, "%s:%s(%d) %s\n", SOURCE_NAME, "svc_info_write_back",
                   WRITE_BACK_ENTRY_LINE, line);
     }
@@ -215,6 +227,49 @@ void restore_from(FILE* file) {
     memset(line, 0, sizeof line);
     while (fgets(line, LINE_LIMIT, file) != nullptr) {
         restore_line(line);
+    }
+}
+
+// Logs a failed system call of the write-back: "fopen" (the open that
+// would create or rewrite the file), "ftruncate", "write" or "close".
+void log_write_back_error(const char* call, int error) {
+    debug_log("%s:%s(%d) %s(%s) error(%d).", SOURCE_NAME, "svc_info_write_back",
+              WRITE_BACK_FOPEN_ERROR_LINE, call, REGISTRY_FILE_PATH, error);
+}
+
+// Logs how a rewrite that did not complete left the file.
+void log_rewrite_failure(const file_rewrite_result& result, std::size_t size) {
+    switch (result.status) {
+    case file_rewrite_status::done:
+        return;
+    case file_rewrite_status::no_space:
+        debug_log("%s:%s(%d) no space for %zu bytes in %s, old content kept.", SOURCE_NAME,
+                  "svc_info_write_back", WRITE_BACK_NO_SPACE_LINE, size, REGISTRY_FILE_PATH);
+        return;
+    case file_rewrite_status::truncate_failed:
+        log_write_back_error("ftruncate", result.error);
+        return;
+    case file_rewrite_status::write_failed:
+        log_write_back_error("write", result.error);
+        debug_log("%s:%s(%d) %zu of %zu bytes kept in %s, cut at a line end.", SOURCE_NAME,
+                  "svc_info_write_back", WRITE_BACK_CUT_LINE, result.written, size,
+                  REGISTRY_FILE_PATH);
+        return;
+    }
+}
+
+// Builds the new content from one snapshot of the registry, then replaces
+// the open file's content with it. Running out of memory on the way leaves
+// the file as it was.
+void rewrite_registry_file(int fd) {
+    try {
+        std::string content;
+        append_entries(content);
+        const std::size_t size = content.size();
+        log_rewrite_failure(file_rewrite_replace(fd, std::move(content)), size);
+    } catch (const std::bad_alloc&) {
+        debug_log("%s:%s(%d) out of memory, %s not rewritten.", SOURCE_NAME,
+                  "svc_info_write_back", WRITE_BACK_NO_MEMORY_LINE, REGISTRY_FILE_PATH);
     }
 }
 
@@ -312,25 +367,26 @@ unsigned long long svc_info_generation() {
     return service_info_generation;
 }
 
-// The file is rewritten in place (no temporary file, no rename). A file
-// that cannot be opened is logged only: the registry keeps its content and
-// the next change tries again.
+// The file is rewritten in place (no temporary file, no rename, no sync):
+// opened without truncating it, then overwritten with one snapshot of the
+// registry built in memory first, in one write (see file_rewrite.h), so a
+// crash leaves the old content or the new one, never an empty file in
+// between. A file that cannot be opened (a symbolic link is refused) or
+// rewritten is logged only: the registry keeps its content and the next
+// change tries again.
 void svc_info_write_back() {
     print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_write_back", WRITE_BACK_LINE);
     std::lock_guard<std::mutex> writing(write_back_lock);
-    FILE* file = fopen(REGISTRY_FILE_PATH, "w");
-    if (file == nullptr) {
-        int error = errno;
-        debug_log("%s:%s(%d) fopen(%s) error(%d).", SOURCE_NAME, "svc_info_write_back",
-                  WRITE_BACK_FOPEN_ERROR_LINE, REGISTRY_FILE_PATH, error);
+    int fd = file_rewrite_open(REGISTRY_FILE_PATH);
+    if (fd < 0) {
+        log_write_back_error("fopen", errno);
         return;
     }
     print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_write_back", WRITE_BACK_OPENED_LINE);
-    {
-        std::lock_guard<std::mutex> hold(service_info_lock);
-        write_entries(file);
+    rewrite_registry_file(fd);
+    if (close(fd) != 0) {
+        log_write_back_error("close", errno);
     }
-    fclose(file);
 }
 
 void svc_info_restore() {

@@ -204,22 +204,6 @@ TEST_F(svc_info_map_test, UninitWritesFileThenReleasesEveryRecord) {
     EXPECT_EQ("", registry_as_file_text());
 }
 
-TEST_F(svc_info_map_test, UnwritableFileKeepsChangeAndNextChangeWritesAll) {
-    ASSERT_EQ(0, mkdir(REGISTRY_FILE_PATH, 0755));
-    debug_log_tail debug;
-    EXPECT_EQ(SVC_INFO_OK, svc_info_add("a", make_info("10.0.0.1", 1)));
-    EXPECT_TRUE(debug.has_record("svc_info_map.cpp:svc_info_write_back(123) fopen(" +
-                                 std::string(REGISTRY_FILE_PATH) + ") error(" +
-                                 std::to_string(EISDIR) + ")."));
-    EXPECT_EQ(SVC_INFO_OK, svc_info_delete("a"));
-    EXPECT_EQ(SVC_INFO_OK, svc_info_add("b", make_info("10.0.0.2", 2)));
-    EXPECT_EQ("b,10.0.0.2,2\n", registry_as_file_text());
-
-    ASSERT_EQ(0, rmdir(REGISTRY_FILE_PATH));
-    EXPECT_EQ(SVC_INFO_OK, svc_info_add("c", make_info("10.0.0.3", 3)));
-    EXPECT_EQ("b,10.0.0.2,2\nc,10.0.0.3,3\n", read_file(REGISTRY_FILE_PATH));
-}
-
 // Several threads add, update and delete names of their own and names they
 // share; afterwards the file must be exactly the registry, line by line.
 TEST_F(svc_info_map_test, ConcurrentChangesLeaveFileEqualToRegistry) {

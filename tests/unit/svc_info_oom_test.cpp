@@ -1,6 +1,7 @@
 // svc_info_oom_test.cpp - memory running out inside a registry operation:
 // the operation passes std::bad_alloc on with the lock released, and the
-// registry, the caller's list and the registry file stay as they were.
+// registry, the caller's list and the registry file stay as they were; a
+// write-back that runs out keeps the old file and only logs it.
 // This binary replaces the global operator new so that the n-th allocation
 // after arming fails; only the test's own thread allocates while armed.
 #include <atomic>
@@ -119,6 +120,18 @@ TEST_F(svc_info_oom_test, ListLeavesCallersListAsItWas) {
                                         });
     EXPECT_GT(failures, 0);
     EXPECT_EQ(3u, list.size());
+}
+
+TEST_F(svc_info_oom_test, WriteBackKeepsOldFileAndLogs) {
+    svc_info_add(LONG_NAME, make_info(LONG_IP, 1));
+    write_file(REGISTRY_FILE_PATH, "old\n");
+    debug_log_tail debug;
+    fail_after(0);
+    svc_info_write_back();
+    stop_failing();
+    EXPECT_EQ("old\n", read_file(REGISTRY_FILE_PATH));
+    EXPECT_TRUE(debug.has_record("svc_info_map.cpp:svc_info_write_back(119) out of memory, "
+                                 "/tmp/.manager_svc.inf not rewritten."));
 }
 
 }  // namespace
