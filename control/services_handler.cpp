@@ -37,11 +37,9 @@ struct service_job {
     char command[SERVICE_COMMAND_SIZE];
 };
 
-// Signals the shell starts with at their default action whatever the
-// daemon does with them (it catches SIGINT, and a shell started with
-// SIGCHLD or SIGQUIT ignored misbehaves). SIGPIPE is not among them: it
-// stays ignored, as in the daemon.
-constexpr int SHELL_DEFAULT_SIGNALS[] = {SIGINT, SIGQUIT, SIGCHLD};
+// The one signal the shell keeps ignored, as the daemon does; every other
+// starts at its default action, whatever the daemon inherited.
+constexpr int SHELL_IGNORED_SIGNAL = SIGPIPE;
 
 // Tested in this order; the first equal method wins.
 constexpr service_action SERVICE_ACTIONS[] = {
@@ -85,17 +83,18 @@ void start_service_command(const service_action& action) {
     pthread_attr_destroy(&attributes);
 }
 
-// Starts "/bin/sh -c <command>" with an empty signal mask and the default
-// action for SHELL_DEFAULT_SIGNALS. 0 and the shell's pid, or an errno.
+// Starts "/bin/sh -c <command>" with an empty signal mask and every signal
+// but SHELL_IGNORED_SIGNAL at its default action (glibc's own two internal
+// signals excepted: its posix_spawn leaves them ignored, as system() does).
+// 0 and the shell's pid, or an errno.
 int spawn_shell(const char* command, pid_t* shell) {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t signals;
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&attributes, &signals);
-    for (int sig : SHELL_DEFAULT_SIGNALS) {
-        sigaddset(&signals, sig);
-    }
+    sigfillset(&signals);
+    sigdelset(&signals, SHELL_IGNORED_SIGNAL);
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     char shell_name[] = "sh";
