@@ -34,6 +34,7 @@
 
 #include "endpoints/json_values.h"
 #include "endpoints/ssci_response.h"
+#include "main/print_log.h"
 #include "monitor/svcmon_handler.h"
 #include "monitor/tcp_probe.h"
 #include "registry/svc_info_map.h"
@@ -150,8 +151,25 @@ probe_limits round_limits() {
     return limits;
 }
 
+long long monotonic_ms() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * MILLISECONDS_PER_SECOND +
+           now.tv_nsec / 1000000;
+}
+
+// A full round's duration at DEBUG; a round longer than the period at WARN.
+void log_full_round(std::size_t services, long long elapsed_ms) {
+    print_log(DEBUG, "prober round: %zu services in %lld ms\n", services, elapsed_ms);
+    if (elapsed_ms > period_ms()) {
+        print_log(WARN, "prober round of %zu services took %lld ms, longer than the period\n",
+                  services, elapsed_ms);
+    }
+}
+
 // One round over the registry; false when the prober is to stop.
 bool run_round(bool only_unchecked) {
+    const long long started = monotonic_ms();
     svc_info_entry_list entries;
     svc_info_list(entries);
     std::vector<probe_job> jobs = reconcile(entries, only_unchecked);
@@ -165,14 +183,10 @@ bool run_round(bool only_unchecked) {
         return false;
     }
     record(jobs, results);
+    if (!only_unchecked) {
+        log_full_round(jobs.size(), monotonic_ms() - started);
+    }
     return true;
-}
-
-long long monotonic_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * MILLISECONDS_PER_SECOND +
-           now.tv_nsec / 1000000;
 }
 
 // Waits up to `ms` for the stop byte; true when it came.
