@@ -29,6 +29,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
