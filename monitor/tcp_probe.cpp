@@ -121,11 +121,10 @@ bool start_connect(const probe_target& target, std::size_t index, int timeout_ms
         return false;
     }
     long long started = monotonic_us();
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 || errno != EINPROGRESS) {
-        int error = errno;
-        bool connected = error == 0 || error == EISCONN;
-        connected ? set_reachable(results[index], started, monotonic_us())
-                  : set_failed(results[index], connect_error_text(error));
+    int error = connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
+    if (error != EINPROGRESS) {
+        error == 0 ? set_reachable(results[index], started, monotonic_us())
+                   : set_failed(results[index], connect_error_text(error));
         close_at_once(fd);
         return false;
     }

@@ -230,6 +230,9 @@ def signal_bits(*signals):
 
 
 def test_scripts_run_with_no_blocked_signals_and_sigpipe_ignored(sandbox):
+    # Started under nohup: the daemon inherits SIGHUP ignored, its scripts not.
+    plain_command = sandbox.command
+    sandbox.command = lambda args: ["nohup"] + plain_command(args)
     daemon = start_with_scripts(sandbox, RECORD_SIGNAL_MASK)
     assert post(daemon, {"method": "start"}).body == ACCEPTED
     assert wait_calls(sandbox, 2)

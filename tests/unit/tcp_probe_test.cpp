@@ -3,6 +3,7 @@
 // stop descriptor.
 #include "monitor/tcp_probe.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -29,6 +30,9 @@ std::vector<probe_case> every_outcome(const loopback_port& up4, const loopback_p
         {"::1", up6.port(), true, ""},
         {"127.0.0.1", closed.port(), false, "connection refused"},
         {"127.0.0.1", silent.port(), false, PROBE_TIMED_OUT},
+        // Refused by the local stack at once (Linux TCP never connects to a
+        // broadcast address): no packet leaves the machine.
+        {"255.255.255.255", up4.port(), false, "network unreachable"},
         {"localhost", up4.port(), false, PROBE_NOT_NUMERIC},
         {"", up4.port(), false, PROBE_NOT_NUMERIC},
         {"127.1", up4.port(), false, PROBE_NOT_NUMERIC},
@@ -40,7 +44,19 @@ std::vector<probe_case> every_outcome(const loopback_port& up4, const loopback_p
     };
 }
 
+std::size_t open_descriptors() {
+    std::size_t count = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    while (readdir(fds) != nullptr) {
+        ++count;
+    }
+    closedir(fds);
+    return count;
+}
+
+// Every outcome as expected, and every socket closed again.
 void expect_outcomes(const std::vector<probe_case>& cases, std::size_t window) {
+    const std::size_t descriptors = open_descriptors();
     std::vector<probe_target> targets;
     for (const probe_case& c : cases) {
         targets.push_back({c.ip, c.port});
@@ -57,6 +73,7 @@ void expect_outcomes(const std::vector<probe_case>& cases, std::size_t window) {
             EXPECT_EQ(results[i].latency_ms, 0);
         }
     }
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(ProbeTargets, EveryOutcomeWhateverTheWindow) {
