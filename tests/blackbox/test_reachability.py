@@ -72,9 +72,10 @@ def test_each_service_is_judged_and_follows_its_listener(sandbox, listener):
     listener6.listen(8)
     ports = {"free": free_port(), "listening": listener.getsockname()[1],
              "listening6": listener6.getsockname()[1]}
-    daemon = sandbox.start("-m", "1").wait_ready()
+    daemon = sandbox.start("-m", "1", "-v", "2").wait_ready()
     for name, ip, port, _, _ in SERVICES:
         register(daemon, name, ip, ports.get(port, port))
+    assert daemon.wait_stderr(f"prober round: {len(SERVICES)} services in ")
     for name, ip, port, reachable, error in SERVICES:
         item = wait_item(daemon, name, lambda i: i["reachable"] is not None)
         assert list(item) == ITEM_MEMBERS
