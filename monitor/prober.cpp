@@ -274,10 +274,10 @@ json_object* new_reachability_item(const svc_info_entry& entry, const reachabili
 }  // namespace
 
 bool prober_start(int period_seconds) {
+    prober_period_seconds.store(period_seconds);  // the reply shows it even if no thread runs
     if (pipe2(wake_pipe, O_CLOEXEC) != 0) {
         return false;
     }
-    prober_period_seconds.store(period_seconds);
     try {
         prober_thread = std::thread(prober_main);
     } catch (const std::system_error&) {
