@@ -4,8 +4,9 @@
 // reach_lock guards reach_map (the findings per service name). It is held
 // only to copy or merge findings: never across a connect, never while the
 // registry lock is taken (the registry is listed first, then reach_lock
-// is taken). prober_period_seconds, the wake-up pipe and the thread object are
-// written by the main thread only while no prober thread runs.
+// is taken). prober_period_seconds (atomic: listener threads read it), the
+// wake-up pipe and the thread object are written by the main thread only
+// while no prober thread runs.
 //
 // Schedule: a full round every period checks every registered service.
 // Between rounds the prober looks at the registry's change counter every
