@@ -1,32 +1,45 @@
 // services_handler.cpp - the service-control resource. proc_services_post
 // runs on the server's listener threads, several at once; every buffer is
-// local to one request. Each recognised request hands its heap command line
-// to a new detached worker thread (service_cmd_thread), which alone touches
-// it from then on and frees it. No shared state, no lock.
+// local to one request. Each recognised request hands its heap job (the
+// action and its command line) to a new detached worker thread
+// (service_cmd_thread), which alone touches it from then on and frees it.
+// The worker starts the shell itself and waits for it, and records the run
+// in the control-run log (control_runs.h, which has its own lock); the
+// handler shares nothing else.
 #include "control/services_handler.h"
 
 #include <json-c/json.h>
 #include <pthread.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "control/control_runs.h"
 #include "endpoints/ssci_response.h"
 #include "main/device_paths.h"
 #include "main/print_log.h"
 #include "platform/common_http_resource.h"
 #include "platform/utils.h"
 
+extern char** environ;
+
 namespace {
 
-// The "method" text: at most 31 characters; longer values are cut and so
-// never match an action.
-constexpr unsigned SERVICE_METHOD_SIZE = 32;
-// The command line "<script> <verb>".
-constexpr std::size_t SERVICE_COMMAND_SIZE = 256;
+// What a worker thread runs: the action and its command line.
+struct service_job {
+    const service_action* action;
+    char command[SERVICE_COMMAND_SIZE];
+};
+
+// The one signal the shell keeps ignored, as the daemon does; every other
+// starts at its default action, whatever the daemon inherited.
+constexpr int SHELL_IGNORED_SIGNAL = SIGPIPE;
 
 // Tested in this order; the first equal method wins.
 constexpr service_action SERVICE_ACTIONS[] = {
@@ -48,25 +61,58 @@ void read_method(const std::string& content, char* method, unsigned size) {
 }
 
 // Hands the action's command line to a new detached worker thread. When the
-// thread cannot be created the command is freed and not run. An allocation
+// thread cannot be created the job is freed and not run. An allocation
 // failure is recorded in the debug log; the reply stays SERVICES_STARTED in
 // both cases, because "return" tells whether the method was recognised,
 // never whether the script ran.
 void start_service_command(const service_action& action) {
-    char* command = static_cast<char*>(malloc(SERVICE_COMMAND_SIZE));
-    if (command == nullptr) {
+    service_job* job = static_cast<service_job*>(malloc(sizeof(service_job)));
+    if (job == nullptr) {
         debug_log("no memory for the command of method %s, not run", action.method);
         return;
     }
-    snprintf(command, SERVICE_COMMAND_SIZE, "%s %s", action.script, action.verb);
+    job->action = &action;
+    snprintf(job->command, sizeof job->command, "%s %s", action.script, action.verb);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t worker;
-    if (pthread_create(&worker, &attributes, service_cmd_thread, command) != 0) {
-        free(command);
+    if (pthread_create(&worker, &attributes, service_cmd_thread, job) != 0) {
+        free(job);
     }
     pthread_attr_destroy(&attributes);
+}
+
+// Starts "/bin/sh -c <command>" with an empty signal mask and every signal
+// but SHELL_IGNORED_SIGNAL at its default action (glibc's own two internal
+// signals excepted: its posix_spawn leaves them ignored, as system() does).
+// 0 and the shell's pid, or an errno.
+int spawn_shell(const char* command, pid_t* shell) {
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t signals;
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+    sigfillset(&signals);
+    sigdelset(&signals, SHELL_IGNORED_SIGNAL);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    char shell_name[] = "sh";
+    char command_option[] = "-c";
+    char* arguments[] = {shell_name, command_option, const_cast<char*>(command), nullptr};
+    int error = posix_spawn(shell, SHELL_PATH, nullptr, &attributes, arguments, environ);
+    posix_spawnattr_destroy(&attributes);
+    return error;
+}
+
+// Waits for the shell; false when it cannot be waited for.
+bool wait_for_shell(pid_t shell, int* wait_status) {
+    while (waitpid(shell, wait_status, 0) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -94,19 +140,24 @@ const std::shared_ptr<httpserver::http_response> proc_services_post(
     return json_reply(new_reply_object(SERVICES_STARTED));
 }
 
-// The worker inherits the listener thread's signal mask; system() passes
-// the caller's mask on to the shell, so the mask is cleared first and the
-// script (and every service it starts) can be stopped by its signals.
-// Dispositions are the process's: an ignored SIGPIPE stays ignored in the
-// script, which then sees EPIPE on a closed pipe instead of being killed.
-void* service_cmd_thread(void* command) {
-    sigset_t none;
-    sigemptyset(&none);
-    pthread_sigmask(SIG_SETMASK, &none, nullptr);
-    char* command_line = static_cast<char*>(command);
-    int status = system(command_line);
-    (void)status;
-    free(command_line);
+// The worker records the run, starts the shell and waits for it on this
+// thread: the stop signals keep their handler meanwhile (system() would
+// ignore SIGINT in the whole daemon while a script runs).
+void* service_cmd_thread(void* argument) {
+    service_job* job = static_cast<service_job*>(argument);
+    unsigned long long run = control_run_begin(job->action->method, job->command);
+    pid_t shell = 0;
+    int error = spawn_shell(job->command, &shell);
+    int wait_status = 0;
+    if (error != 0) {
+        debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, error);
+        control_run_ended_without_status(run);
+    } else if (wait_for_shell(shell, &wait_status)) {
+        control_run_exited(run, wait_status);
+    } else {
+        control_run_ended_without_status(run);
+    }
+    free(job);
     pthread_exit(nullptr);
 }
 

@@ -15,6 +15,8 @@ constexpr int DEBUG_LOG_SIZE_LIMIT = 2097152;
 // The init scripts that the service-control resource runs.
 constexpr const char SERVICES_SCRIPT_PATH[] = "/etc/init.d/services.sh";
 constexpr const char FDR_SERVICES_SCRIPT_PATH[] = "/etc/init.d/fdr_services.sh";
+// The shell that runs the init scripts' command lines ("sh -c LINE").
+constexpr const char SHELL_PATH[] = "/bin/sh";
 // Where the monitor's web pages live unless -D says otherwise.
 constexpr const char DEFAULT_HOME_PATH[] = "/home/httpd/manager_svc/";
 

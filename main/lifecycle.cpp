@@ -13,6 +13,7 @@
 
 #include "main/print_log.h"
 #include "main/settings.h"
+#include "monitor/prober.h"
 #include "monitor/svcmon_handler.h"
 #include "platform/diagnosis.h"
 #include "platform/ssci_client.h"
@@ -93,7 +94,7 @@ void register_signal_handlers() {
 }
 
 void server_init(const char* listen_addrs, int listen_port, int listener_threads,
-                 const char* web_home_path, int /* monitor_period: not used yet */) {
+                 const char* web_home_path, int monitor_period) {
     svcmon_set_home_path(web_home_path);
     svc_info_init();
     curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -102,6 +103,11 @@ void server_init(const char* listen_addrs, int listen_port, int listener_threads
                                               listener_threads, SERVER_HOST, 0, true, 0, ""));
     require_server_success("ssci_server_start", ssci_server_start());
     ssci_nameserver_init(NAME_SERVER_HOST, NAME_SERVER_PORT);
+    // Last in, first out: no exit on a server failure can find the prober
+    // thread still running.
+    if (!prober_start(monitor_period)) {
+        debug_log("prober not started, reachability stays unknown");
+    }
 }
 
 void wait_for_stop() {
@@ -111,6 +117,7 @@ void wait_for_stop() {
 }
 
 void server_uninit() {
+    prober_stop();
     require_server_success("ssci_server_stop", ssci_server_stop());
     require_server_success("ssci_server_destory", ssci_server_destory());
     svc_info_uninit();

@@ -12,7 +12,8 @@ void signal_handler(int sig);
 void register_signal_handlers();
 
 // Hands the home path to the monitor, restores the registry, creates and
-// starts the HTTP server and sets the name server. Ends the process with
+// starts the HTTP server, sets the name server and starts the
+// reachability prober with the monitor period (seconds). Ends the process with
 // status 1 when the server cannot be created or started.
 void server_init(const char* listen_addrs, int listen_port, int listener_threads,
                  const char* web_home_path, int monitor_period);
@@ -20,8 +21,8 @@ void server_init(const char* listen_addrs, int listen_port, int listener_threads
 // Sleeps in one-second steps until a stop signal has been received.
 void wait_for_stop();
 
-// Stops and destroys the server, then writes the registry back and empties
-// it. Ends the process with status 1 when the server cannot be stopped.
+// Stops the prober, stops and destroys the server, then writes the
+// registry back and empties it. Ends the process with status 1 when the server cannot be stopped.
 void server_uninit();
 
 #endif

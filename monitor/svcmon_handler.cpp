@@ -1,5 +1,6 @@
 // svcmon_handler.cpp - the monitor resource "/managerService/svcmon": the
-// "get_health_status" and "get_history" methods, and the hand-over of the
+// "get_health_status", "get_history", "get_reachability" (prober.h) and
+// "get_control_runs" (control_runs.h) methods, and the hand-over of the
 // web-page paths to proc_web_service.
 // Runs on the listener threads, several at once; "get_history" runs on the
 // server's relay workers instead (history_relay marks it). The registry lock is
@@ -15,9 +16,11 @@
 #include <mutex>
 #include <string>
 
+#include "control/control_runs.h"
 #include "endpoints/ssci_response.h"
 #include "main/print_log.h"
 #include "monitor/http_get_client.h"
+#include "monitor/prober.h"
 #include "platform/common_http_resource.h"
 #include "registry/svc_info_map.h"
 
@@ -108,6 +111,16 @@ std::string proc_get_history(const httpserver::http_request& request) {
     return take_json_text(reply);
 }
 
+// What the prober found for every registered service.
+std::string proc_get_reachability(const httpserver::http_request&) {
+    return prober_reachability_reply();
+}
+
+// The last service-control runs, newest first.
+std::string proc_get_control_runs(const httpserver::http_request&) {
+    return control_runs_reply();
+}
+
 // A method's reply text.
 struct svcmon_method {
     const char* name;
@@ -117,6 +130,8 @@ struct svcmon_method {
 const svcmon_method SVCMON_METHODS[] = {
     {"get_health_status", proc_get_health_status},
     {HISTORY_METHOD, proc_get_history},
+    {"get_reachability", proc_get_reachability},
+    {"get_control_runs", proc_get_control_runs},
 };
 
 std::string run_method(const httpserver::http_request& request) {
