@@ -42,11 +42,15 @@ def answered(sockets):
 
 def body_of(sock):
     """The body of the answer on the socket, read to the end ("" when the
-    server closed it without one)."""
+    server closed it without one, also with a reset: a request still in the
+    listen queue when the daemon exits is reset by the kernel)."""
     sock.settimeout(30)
     data = b""
-    while chunk := sock.recv(65536):
-        data += chunk
+    try:
+        while chunk := sock.recv(65536):
+            data += chunk
+    except ConnectionResetError:
+        pass
     sock.close()
     return data.partition(b"\r\n\r\n")[2]
 
