@@ -24,8 +24,7 @@ import sys
 import tempfile
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
+from bench_support import ROOT, Sandboxes, parse_args
 
 REGISTER_SCRIPT = """
 counter = 0
@@ -147,23 +146,13 @@ def start_to_ready(sandbox_factory, runs=10):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--seconds", type=int, default=5)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--threads", type=int, default=10)
     parser.add_argument("--only", help="only the throughput cases whose label has this text")
-    args = parser.parse_args()
-    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
-    from harness import Sandbox
-
-    sandboxes = []
-
-    def new_sandbox():
-        sandboxes.append(Sandbox("bench"))
-        return sandboxes[-1]
-
-    try:
+    args = parse_args(parser)
+    with Sandboxes("bench") as sandboxes:
+        new_sandbox = sandboxes.new
         web = os.path.join(ROOT, "web") + "/"
         daemon = new_sandbox().start("-t", str(args.threads), "-D", web).wait_ready()
         anchor = Anchor(args.build, args.threads, b"x", "text/plain")
@@ -185,9 +174,6 @@ def main():
         registration_cost(new_sandbox, args, script.name)
         start_to_ready(new_sandbox)
         os.unlink(script.name)
-    finally:
-        for box in sandboxes:
-            box.cleanup()
 
 
 if __name__ == "__main__":

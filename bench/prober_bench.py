@@ -21,13 +21,10 @@ import selectors
 import signal
 import socket
 import statistics
-import sys
 import threading
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
-sys.path.insert(0, os.path.join(ROOT, "bench"))
+from bench_support import Sandboxes, parse_args
 
 SERVICES = 1000
 CLOSED = 500
@@ -151,30 +148,18 @@ def throughput(new_sandbox, registry, args):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--seconds", type=int, default=5)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--idle", type=int, default=20)
-    args = parser.parse_args()
-    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
-    from harness import Sandbox
-
-    sandboxes = []
-
-    def new_sandbox():
-        sandboxes.append(Sandbox("prober-bench"))
-        return sandboxes[-1]
-
+    args = parse_args(parser)
     peers = Peers()
     try:
-        registry = peers.registry_text()
-        idle_figures(new_sandbox, registry, args.idle)
-        throughput(new_sandbox, registry, args)
+        with Sandboxes("prober-bench") as sandboxes:
+            registry = peers.registry_text()
+            idle_figures(sandboxes.new, registry, args.idle)
+            throughput(sandboxes.new, registry, args)
     finally:
         peers.close()
-        for box in sandboxes:
-            box.cleanup()
 
 
 if __name__ == "__main__":

@@ -18,7 +18,8 @@ import statistics
 import sys
 import tempfile
 
-from bench import REGISTER_SCRIPT, ROOT, register_many, wrk
+from bench import REGISTER_SCRIPT, register_many, wrk
+from bench_support import parse_args
 
 SIZES = (10, 100, 1000)
 
@@ -48,13 +49,11 @@ def cost_us(harness, binary, size, args, script):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--anchor", required=True, help="build directory to compare with")
     parser.add_argument("--seconds", type=int, default=3)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--threads", type=int, default=10)
-    args = parser.parse_args()
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
+    args = parse_args(parser)
     import harness
 
     builds = {"build": args.build, "anchor": args.anchor}

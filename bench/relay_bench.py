@@ -24,16 +24,13 @@ The daemon runs in the test sandbox. Needs root for the sandbox and port
 import argparse
 import json
 import multiprocessing
-import os
 import select
 import socket
 import statistics
-import sys
 import threading
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
+from bench_support import parse_args
 
 GET_INFO = "/managerService/svcmgr?method=get_info&name=silent"
 HISTORY = "/managerService/svcmon?method=get_history&name=silent"
@@ -239,12 +236,9 @@ def flood_round(daemon, count, slow_header, seconds):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--seconds", type=int, default=30)
     parser.add_argument("--only", choices=["history", "sys_state", "floods"])
-    args = parser.parse_args()
-    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-bench"))
+    args = parse_args(parser)
     from harness import DEFAULT_PORT, Sandbox
     sandbox = Sandbox("relay-bench")
     try:

@@ -28,8 +28,7 @@ import subprocess
 import sys
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
+from bench_support import ROOT, parse_args
 
 from bench import register_many, rss_kib  # noqa: E402
 
@@ -198,14 +197,11 @@ def report(chunks, rss, idle, after, exit_status):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--requests", type=int, default=1_000_000)
     parser.add_argument("--connections", type=int, default=128)
     parser.add_argument("--threads", type=int, default=8)
     parser.add_argument("--sample-every", type=int, default=100_000)
-    args = parser.parse_args()
-    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT", os.path.join(args.build, "sandbox-soak"))
+    args = parse_args(parser, "sandbox-soak")
     from fake_peer import FakePeer, answer
 
     with FakePeer(answer(200, HISTORY)) as peer:

@@ -15,11 +15,9 @@ The daemon runs in the test sandbox. Needs root for the sandbox.
 import argparse
 import os
 import socket
-import sys
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "blackbox"))
+from bench_support import Sandboxes, parse_args
 
 WEB = "/managerService/svcmon/web"
 BIG_PAGE_SIZE = 4 * 1024 * 1024
@@ -74,27 +72,12 @@ def slow_readers(sandbox_factory, readers):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--tries", type=int, default=20000)
     parser.add_argument("--readers", type=int, default=64)
-    args = parser.parse_args()
-    os.environ["MANAGER_SVC_BIN"] = os.path.join(args.build, "manager_svc")
-    os.environ.setdefault("MANAGER_SVC_SANDBOX_ROOT",
-                          os.path.join(args.build, "sandbox-web-bench"))
-    from harness import Sandbox
-
-    sandboxes = []
-
-    def new_sandbox():
-        sandboxes.append(Sandbox("web-bench"))
-        return sandboxes[-1]
-
-    try:
-        slow_readers(new_sandbox, args.readers)
-        swap_race(new_sandbox, args.tries)
-    finally:
-        for box in sandboxes:
-            box.cleanup()
+    args = parse_args(parser, "sandbox-web-bench")
+    with Sandboxes("web-bench") as sandboxes:
+        slow_readers(sandboxes.new, args.readers)
+        swap_race(sandboxes.new, args.tries)
 
 
 if __name__ == "__main__":
