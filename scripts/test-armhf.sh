@@ -2,7 +2,9 @@
 # The device check: builds the device build of manager_svc (linked with
 # the static minimal libraries of scripts/device-deps.sh) and its unit tests
 # for 32-bit ARM (armhf), runs the unit tests under qemu-arm inside the
-# overlay sandbox, starts the armhf daemon under qemu and does one register /
+# overlay sandbox, runs the two HTTP clients' unit tests once more against
+# Debian's shared libraries (so both link choices are held to the same
+# behaviour), starts the armhf daemon under qemu and does one register /
 # get_info / unregister round trip over loopback, reports the device
 # footprint against its budget, makes the armhf Debian package and checks
 # it with lintian (no error, no warning). Exits
@@ -19,6 +21,8 @@ set -eu
 
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${MANAGER_SVC_ARMHF_BUILD:-$REPO/build-armhf}
+SHARED_BUILD=$BUILD-shared
+CLIENT_TESTS="http_get_client_test ssci_client_test"
 SANDBOX_RUN=$REPO/tests/sandbox/sandbox_run.sh
 SIZE_BUDGET=1048576
 TRIPLET=arm-linux-gnueabihf
@@ -59,6 +63,20 @@ unit_tests() {
     t0=$(date +%s)
     GTEST_FILTER='-*DeathTest.*' ctest --test-dir "$BUILD" -L unit -j2 --output-on-failure || fail "unit tests under qemu-arm"
     say "emulated unit tests took $(elapsed "$t0")"
+}
+
+# The outbound clients built against the sysroot's shared libcurl (and
+# the rest of Debian's libraries) instead of the static minimal ones.
+shared_library_clients() {
+    t0=$(date +%s)
+    cmake -S "$REPO" -B "$SHARED_BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
+        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" >"$BUILD/configure-shared.log" 2>&1 ||
+        { cat "$BUILD/configure-shared.log" >&2; fail "configure with shared libraries"; }
+    # shellcheck disable=SC2086 # a list of targets
+    cmake --build "$SHARED_BUILD" -j2 --target $CLIENT_TESTS || fail "build with shared libraries"
+    ctest --test-dir "$SHARED_BUILD" -R 'unit\.(http_get_client|ssci_client)_test$' -j2 \
+        --output-on-failure || fail "client unit tests with shared libraries under qemu-arm"
+    say "client unit tests with shared libraries took $(elapsed "$t0")"
 }
 
 free_port() {
@@ -195,6 +213,7 @@ package() {
 
 build
 unit_tests
+shared_library_clients
 round_trip
 footprint_report
 package
