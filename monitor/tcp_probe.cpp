@@ -87,10 +87,13 @@ void set_failed(probe_result& result, const char* error) {
     result.error = error;
 }
 
-// Closes a socket with a reset rather than the FIN exchange.
-void close_at_once(int fd) {
-    const linger reset = {1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+// Closes a check's socket: a connected one with a reset rather than the
+// FIN exchange; one that never connected has nothing to reset.
+void close_check(int fd, bool connected) {
+    if (connected) {
+        const linger reset = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    }
     close(fd);
 }
 
@@ -125,7 +128,7 @@ bool start_connect(const probe_target& target, std::size_t index, int timeout_ms
     if (error != EINPROGRESS) {
         error == 0 ? set_reachable(results[index], started, monotonic_us())
                    : set_failed(results[index], connect_error_text(error));
-        close_at_once(fd);
+        close_check(fd, error == 0);
         return false;
     }
     *attempt = {fd, index, started, started + timeout_ms * MICROSECONDS_PER_MILLISECOND};
@@ -147,7 +150,7 @@ void finish_reported(const connect_attempt& attempt, short revents, long long no
     }
     error == 0 ? set_reachable(results[attempt.index], attempt.started_us, now_us)
                : set_failed(results[attempt.index], connect_error_text(error));
-    close_at_once(attempt.fd);
+    close_check(attempt.fd, error == 0);
 }
 
 // Milliseconds until the nearest deadline (rounded up), at least 0.
@@ -172,7 +175,7 @@ void settle(std::vector<connect_attempt>& flight, const std::vector<pollfd>& fds
             finish_reported(flight[i], fds[i].revents, now, results);
         } else if (now >= flight[i].deadline_us) {
             set_failed(results[flight[i].index], PROBE_TIMED_OUT);
-            close_at_once(flight[i].fd);
+            close_check(flight[i].fd, false);
         } else {
             continue;
         }
@@ -183,7 +186,7 @@ void settle(std::vector<connect_attempt>& flight, const std::vector<pollfd>& fds
 
 void close_all(const std::vector<connect_attempt>& flight) {
     for (const connect_attempt& attempt : flight) {
-        close_at_once(attempt.fd);
+        close_check(attempt.fd, false);
     }
 }
 
