@@ -20,10 +20,10 @@
 #include <cstring>
 #include <string>
 
+#include "common/device_paths.h"
+#include "common/print_log.h"
 #include "control/control_runs.h"
 #include "endpoints/ssci_response.h"
-#include "main/device_paths.h"
-#include "main/print_log.h"
 #include "platform/common_http_resource.h"
 #include "platform/utils.h"
 

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "common/device_paths.h"
 #include "fuzz/fuzz_support.h"
-#include "main/device_paths.h"
 #include "registry/svc_info_map.h"
 
 namespace {

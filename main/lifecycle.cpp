@@ -11,7 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "main/print_log.h"
+#include "common/print_log.h"
 #include "main/settings.h"
 #include "monitor/prober.h"
 #include "monitor/svcmon_handler.h"
@@ -88,6 +88,7 @@ void register_signal_handlers() {
     for (int sig : STOP_SIGNALS) {
         signal(sig, signal_handler);
     }
+    diagnosis_set_crash_log(DEBUG_LOG_PATH);
     for (int sig : CRASH_SIGNALS) {
         diagnosis_com_install_siganl_handler(sig, PROGRAM_NAME, nullptr);
     }
@@ -98,6 +99,7 @@ void server_init(const char* listen_addrs, int listen_port, int listener_threads
     svcmon_set_home_path(web_home_path);
     svc_info_init();
     curl_global_init(CURL_GLOBAL_DEFAULT);
+    ssci_server_set_debug_log(DEBUG_LOG_PATH, DEBUG_LOG_SIZE_LIMIT);
     require_server_success("ssci_server_create",
                            ssci_server_create(SERVER_HOST, listen_addrs, listen_port,
                                               listener_threads, SERVER_HOST, 0, true, 0, ""));

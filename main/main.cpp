@@ -5,9 +5,9 @@
 
 #include <cstdlib>
 
-#include "main/device_paths.h"
+#include "common/device_paths.h"
+#include "common/print_log.h"
 #include "main/lifecycle.h"
-#include "main/print_log.h"
 #include "main/settings.h"
 #include "platform/utils.h"
 

@@ -12,8 +12,9 @@
 #include <cstdio>
 #include <ctime>
 
-#include "main/decimal.h"
-#include "main/print_log.h"
+#include "common/calendar_names.h"
+#include "common/decimal.h"
+#include "common/print_log.h"
 #include "platform/utils.h"
 
 namespace {
@@ -57,10 +58,6 @@ constexpr const char USAGE_OPTIONS[] =
 // leaves 24 characters, exactly a date with a four-digit year.
 constexpr const char EXECUTE_TIME_FORMAT[] = "%.3s %.3s%3d %.2d:%.2d:%.2d %d";
 constexpr std::size_t EXECUTE_TIME_BOUND = EXECUTE_TIME_SIZE - 1;
-constexpr int TM_YEAR_BASE = 1900;
-constexpr const char* WEEKDAY_NAMES[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr const char* MONTH_NAMES[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 }  // namespace
 
@@ -73,7 +70,6 @@ int port = DEFAULT_PORT;
 int thread_no = DEFAULT_THREAD_NO;
 int g_monitor_period = DEFAULT_MONITOR_PERIOD;
 char log_file[LOG_FILE_SIZE] = "/tmp/.manager_svc.debug";  // shown, never opened
-int verbose_level = 0;
 bool is_daemon = false;
 char execute_time[EXECUTE_TIME_SIZE] = "";
 

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 
+#include "common/print_log.h"  // verbose_level, set by -v
+
 constexpr const char PROGRAM_NAME[] = "manager_svc";
 constexpr const char PROGRAM_VERSION[] = "1.0.0";
 
@@ -21,7 +23,6 @@ extern int port;
 extern int thread_no;
 extern int g_monitor_period;
 extern char log_file[LOG_FILE_SIZE];
-extern int verbose_level;
 extern bool is_daemon;
 extern char execute_time[EXECUTE_TIME_SIZE];
 

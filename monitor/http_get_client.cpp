@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "main/print_log.h"
+#include "common/print_log.h"
 
 namespace {
 

@@ -34,9 +34,9 @@
 #include <thread>
 #include <vector>
 
+#include "common/print_log.h"
 #include "endpoints/json_values.h"
 #include "endpoints/ssci_response.h"
-#include "main/print_log.h"
 #include "monitor/svcmon_handler.h"
 #include "monitor/tcp_probe.h"
 #include "registry/svc_info_map.h"

@@ -16,9 +16,9 @@
 #include <mutex>
 #include <string>
 
+#include "common/print_log.h"
 #include "control/control_runs.h"
 #include "endpoints/ssci_response.h"
-#include "main/print_log.h"
 #include "monitor/http_get_client.h"
 #include "monitor/prober.h"
 #include "platform/common_http_resource.h"

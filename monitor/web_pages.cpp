@@ -25,8 +25,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/calendar_names.h"
+#include "common/print_log.h"
 #include "endpoints/ssci_response.h"
-#include "main/print_log.h"
 
 char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
 
@@ -52,10 +53,6 @@ constexpr const char HEADER_IF_NONE_MATCH[] = "If-None-Match";
 constexpr const char HEADER_IF_MODIFIED_SINCE[] = "If-Modified-Since";
 constexpr const char REVALIDATE_EACH_TIME[] = "no-cache";
 constexpr const char WEAK_TAG_PREFIX[] = "W/";
-constexpr const char* const WEEKDAYS[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr const char* const MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-constexpr int MONTH_COUNT = 12;
 
 // The canonical absolute form of an existing path, or "" when it has none.
 std::string real_path_of(const std::string& path) {
@@ -92,8 +89,8 @@ std::string http_date(time_t seconds) {
     tm parts{};
     gmtime_r(&seconds, &parts);
     char text[40];
-    snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", WEEKDAYS[parts.tm_wday],
-             parts.tm_mday, MONTHS[parts.tm_mon], parts.tm_year + 1900, parts.tm_hour,
+    snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", WEEKDAY_NAMES[parts.tm_wday],
+             parts.tm_mday, MONTH_NAMES[parts.tm_mon], parts.tm_year + TM_YEAR_BASE, parts.tm_hour,
              parts.tm_min, parts.tm_sec);
     return text;
 }
@@ -113,14 +110,14 @@ bool parse_http_date(const std::string& text, time_t* seconds) {
     }
     parts.tm_mon = -1;
     for (int index = 0; index < MONTH_COUNT; ++index) {
-        if (strcmp(month, MONTHS[index]) == 0) {
+        if (strcmp(month, MONTH_NAMES[index]) == 0) {
             parts.tm_mon = index;
         }
     }
     if (parts.tm_mon < 0) {
         return false;
     }
-    parts.tm_year -= 1900;
+    parts.tm_year -= TM_YEAR_BASE;
     *seconds = timegm(&parts);
     return *seconds != static_cast<time_t>(-1);
 }

@@ -1,6 +1,6 @@
 // diagnosis.cpp - the crash-diagnosis library: a handler for the fatal
 // signals that appends one record (time, program name, pid, signal and a
-// backtrace) to the debug log and then lets the signal's default action end
+// backtrace) to the debug log that the daemon names, and then lets the signal's default action end
 // the process, so that a core dump is still made.
 // Installation runs on the main thread before other threads exist; the
 // handler may run on any thread and uses async-signal-safe calls only
@@ -18,9 +18,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <climits>
 #include <cstdio>
 
-#include "main/device_paths.h"
 #include "platform/dlog.h"
 
 namespace {
@@ -49,6 +49,9 @@ constexpr const char UNNAMED_SIGNAL[] = "signal";
 // Written by the installer before threads start; read-only in the handler.
 // With several installations the last name given wins.
 char crash_program_name[PROGRAM_NAME_SIZE] = "";
+// Where crash records go; set before the handlers are installed. Empty:
+// no record is written, the signal still ends the process.
+char crash_log_path[PATH_MAX] = "";
 // The alternate signal stack of the installing thread, so that a stack
 // overflow there can still be reported. Written once at installation.
 alignas(16) char alt_stack[ALT_STACK_SIZE];
@@ -157,7 +160,10 @@ void write_record_head(int fd, int sig) {
 }
 
 void write_crash_record(int sig) {
-    int fd = open(DEBUG_LOG_PATH, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, CRASH_LOG_MODE);
+    if (crash_log_path[0] == '\0') {
+        return;
+    }
+    int fd = open(crash_log_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, CRASH_LOG_MODE);
     if (fd < 0) {
         return;
     }
@@ -214,6 +220,10 @@ void preload_backtrace() {
 
 }  // namespace
 
+void diagnosis_set_crash_log(const char* path) {
+    snprintf(crash_log_path, sizeof crash_log_path, "%s", path != nullptr ? path : "");
+}
+
 // The crash handler keeps the signal blocked while it runs (no SA_NODEFER),
 // so a fault inside it ends the process with the default action instead of
 // recursing. A caller's own handler gets the alternate stack too.
@@ -227,7 +237,7 @@ extern "C" int diagnosis_com_install_siganl_handler(int sig, const char* program
     action.sa_flags = SA_ONSTACK;
     if (handler == nullptr) {
         preload_backtrace();
-        dlog_make_parent_dirs(DEBUG_LOG_PATH);
+        dlog_make_parent_dirs(crash_log_path);
         action.sa_handler = crash_handler;
     } else {
         action.sa_flags |= SA_RESTART;

@@ -28,7 +28,6 @@
 #include <mutex>
 #include <new>
 
-#include "main/device_paths.h"
 #include "platform/common_http_resource.h"
 #include "platform/connection_guard.h"
 #include "platform/dlog.h"
@@ -76,6 +75,12 @@ struct server_state {
 };
 
 std::mutex lifecycle_lock;  // guards g_server
+// The debug log that refused relays are recorded in ("": none). Set before
+// the server starts; read-only while it runs.
+struct {
+    std::string path;
+    int size_limit = 0;
+} debug_log;
 server_state g_server;      // guarded by lifecycle_lock
 
 // What one request has gathered between libmicrohttpd's calls; made on
@@ -220,9 +225,11 @@ public:
     void run() override { answer(state->handler); }
 
     void refuse() override {
-        log_File_Debug_s(DEBUG_LOG_PATH, DEBUG_LOG_SIZE_LIMIT,
-                         "relay refused (no room or stopping), answered as failed: %s %s",
-                         request.get_method().c_str(), request.get_path().c_str());
+        if (!debug_log.path.empty()) {
+            log_File_Debug_s(debug_log.path.c_str(), debug_log.size_limit,
+                             "relay refused (no room or stopping), answered as failed: %s %s",
+                             request.get_method().c_str(), request.get_path().c_str());
+        }
         answer(marking.refused);
     }
 
@@ -391,6 +398,11 @@ long long open_listen_socket(const char* host, int port, int* listen_fd) {
 
 // The first and fifth to ninth parameters belong to the device library's
 // name-server set-up; this server has no use for them.
+void ssci_server_set_debug_log(const char* path, int size_limit) {
+    debug_log.path = path;
+    debug_log.size_limit = size_limit;
+}
+
 long long ssci_server_create(const char*, const char* ip_addrs, int port, int thread_no,
                              const char*, int, bool, int, std::string) {
     std::lock_guard<std::mutex> hold(lifecycle_lock);

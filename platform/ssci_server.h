@@ -26,6 +26,11 @@ constexpr long long SSCI_STATUS_NO_ADDRESS = -EADDRNOTAVAIL;
 // libmicrohttpd could not start its threads (any count above 0 is tried).
 constexpr long long SSCI_STATUS_START_FAILED = -EIO;
 
+// Names the debug log that the server records refused relays in (size
+// limit as log_File_Debug_s takes it). Called before ssci_server_start;
+// without it nothing is recorded.
+void ssci_server_set_debug_log(const char* path, int size_limit);
+
 long long ssci_server_create(const char* name, const char* ip_addrs, int port,
                              int thread_no, const char* nameserver_host,
                              int reserved_int, bool reserved_flag, int reserved_int2,

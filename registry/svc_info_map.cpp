@@ -24,9 +24,9 @@
 #include <mutex>
 #include <new>
 
-#include "main/decimal.h"
-#include "main/device_paths.h"
-#include "main/print_log.h"
+#include "common/decimal.h"
+#include "common/device_paths.h"
+#include "common/print_log.h"
 #include "registry/file_rewrite.h"
 
 namespace {

@@ -7,8 +7,8 @@
 
 #include <string>
 
+#include "common/print_log.h"
 #include "endpoints/ssci_response.h"
-#include "main/print_log.h"
 #include "platform/common_http_resource.h"
 #include "platform/ssci_client.h"
 

@@ -56,7 +56,7 @@ relink_absolute_symlinks() {
 build_sysroot() {
     partial=$SYSROOT.partial
     mirror=${MANAGER_SVC_DEBIAN_MIRROR:-$(apt_mirror)}
-    [ -n "$mirror" ] || fail "apt has no archive entry for $SUITE; set MANAGER_SVC_DEBIAN_MIRROR"
+    [ -n "$mirror" ] || fail "no deb entry for $SUITE in $DEBIAN_SOURCE_FILES; add the archive there or set MANAGER_SVC_DEBIAN_MIRROR"
     rm -rf "$partial"
     mkdir -p "$partial"
     say "downloading $SUITE armhf with: $TARGET_PACKAGES"

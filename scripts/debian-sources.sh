@@ -6,9 +6,11 @@
 # and the deb822 .sources files alike:
 #     URI SUITE SIGNED-BY COMPONENTS...
 # SIGNED-BY is "-" when the entry names no keyring.
+# DEBIAN_SOURCE_FILES names the files read, for the callers' messages.
+DEBIAN_SOURCE_FILES="/etc/apt/sources.list /etc/apt/sources.list.d/*.list /etc/apt/sources.list.d/*.sources"
 debian_sources() {
-    cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
-        /etc/apt/sources.list.d/*.sources 2>/dev/null | awk -v S="$1" '
+    # shellcheck disable=SC2086 # the globs are meant to expand
+    cat $DEBIAN_SOURCE_FILES 2>/dev/null | awk -v S="$1" '
         # Both formats end in emit(); a deb822 stanza ends at a blank line.
         function emit(uri, suite, signed, comps) {
             if (suite == S || index(suite, S "-") == 1) print uri, suite, (signed == "" ? "-" : signed), comps

@@ -99,7 +99,7 @@ write_source_list() {
         components = ""
         for (i = 4; i <= NF; i++) components = components " " $i
         print "deb-src " keyring $1 " " $2 components }' >"$APT_DIR/sources.list"
-    [ -s "$APT_DIR/sources.list" ] || fail "apt has no archive entry for $SUITE"
+    [ -s "$APT_DIR/sources.list" ] || fail "no deb entry for $SUITE in $DEBIAN_SOURCE_FILES"
 }
 
 # Unpacks the source packages (with their Debian patches) once per machine.

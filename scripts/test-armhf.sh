@@ -97,7 +97,7 @@ poll() {
 start_daemon() {
     SBX=$BUILD/sandbox/roundtrip
     PORT=$(free_port)
-    URL=http://127.0.0.1:$PORT/managerService/svcmgr
+    URL=127.0.0.1:$PORT/managerService/svcmgr  # curl takes a bare host as http
     "$SANDBOX_RUN" --fresh "$SBX" qemu-arm -L "$SYSROOT" "$BUILD/manager_svc" \
         -i 127.0.0.1 -p "$PORT" -v 2 >"$BUILD/roundtrip.log" 2>&1 &
     DAEMON_PID=$!

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "main/device_paths.h"
+#include "common/device_paths.h"
 
 namespace {
 
@@ -34,7 +34,10 @@ int count_of(const std::string& text, const std::string& part) {
 
 class DiagnosisDeathTest : public ::testing::Test {
 protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        diagnosis_set_crash_log(DEBUG_LOG_PATH);
+    }
 };
 
 void install_and_raise(int sig) {

@@ -1,5 +1,5 @@
 // The console log: level filtering and the cut of long messages.
-#include "main/print_log.h"
+#include "common/print_log.h"
 
 #include <gtest/gtest.h>
 

@@ -15,8 +15,8 @@
 #include <sstream>
 #include <string>
 
-#include "main/device_paths.h"
-#include "main/print_log.h"
+#include "common/device_paths.h"
+#include "common/print_log.h"
 #include "main/settings.h"
 #include "registry/svc_info_map.h"
 #include "stderr_capture.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "main/device_paths.h"
+#include "common/device_paths.h"
 #include "posix_regex.h"
 #include "stderr_capture.h"
 

@@ -5,7 +5,7 @@
 #ifndef MANAGER_SVC_PRINT_LOG_H
 #define MANAGER_SVC_PRINT_LOG_H
 
-#include "main/device_paths.h"
+#include "common/device_paths.h"
 #include "platform/dlog.h"
 
 enum log_level : unsigned {
@@ -13,6 +13,9 @@ enum log_level : unsigned {
     WARN = 1,
     DEBUG = 2,
 };
+
+// The console's level (-v): messages above it are not shown.
+extern int verbose_level;
 
 // Largest message that reaches the console; longer ones are cut.
 constexpr int PRINT_LOG_MAX_CHARS = 2046;

@@ -1,12 +1,12 @@
 // print_log.cpp - the console log. Keeps no state: each call formats into
 // its own stack buffer and writes it with one fputs, so lines of different
 // threads never mix within a line.
-#include "main/print_log.h"
+#include "common/print_log.h"
 
 #include <cstdarg>
 #include <cstdio>
 
-#include "main/settings.h"
+int verbose_level = 0;
 
 constexpr unsigned HIGHEST_SHOWN_LEVEL = DEBUG;
 
