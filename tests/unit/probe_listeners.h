@@ -1,78 +1,52 @@
-// probe_listeners.h - loopback peers for the prober's tests: a listening
-// port, a closed port, and a silent port whose accept queue is full, so
-// that a new connect neither completes nor fails until it is given up.
+// probe_listeners.h - loopback peers for the probe tests: a port that
+// listens, one that refuses connects, and a silent one whose accept queue
+// is full, so that a connect neither completes nor fails until given up.
 #ifndef MANAGER_SVC_PROBE_LISTENERS_H
 #define MANAGER_SVC_PROBE_LISTENERS_H
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <stdexcept>
 
-// A TCP socket bound to an ephemeral loopback port (IPv4 or IPv6),
-// listening with `backlog` unless `listening` is false.
+// Listens with `backlog`, or only binds (refuses) when it is negative;
+// `silent` takes the one place of a backlog of 0.
 class loopback_port {
 public:
-    loopback_port(int family, bool listening, int backlog = 16)
+    loopback_port(int family, int backlog, bool silent = false)
         : fd_(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_storage address;
-        socklen_t length = loopback(family, 0, &address);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
-        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length), 0);
-        port_ = ntohs(family == AF_INET ? reinterpret_cast<sockaddr_in*>(&address)->sin_port
-                                        : reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
-        if (listening) {
-            EXPECT_EQ(listen(fd_, backlog), 0);
-        }
-    }
-    ~loopback_port() { close(fd_); }
-    loopback_port(const loopback_port&) = delete;
-    loopback_port& operator=(const loopback_port&) = delete;
-
-    int port() const { return port_; }
-
-    static socklen_t loopback(int family, int port, sockaddr_storage* address) {
-        std::memset(address, 0, sizeof *address);
+        sockaddr_storage address{};
+        sockaddr_in* v4 = reinterpret_cast<sockaddr_in*>(&address);
+        address.ss_family = static_cast<sa_family_t>(family);
         if (family == AF_INET) {
-            sockaddr_in* v4 = reinterpret_cast<sockaddr_in*>(address);
-            v4->sin_family = AF_INET;
-            v4->sin_port = htons(static_cast<uint16_t>(port));
             v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            return sizeof *v4;
+        } else {
+            reinterpret_cast<sockaddr_in6*>(&address)->sin6_addr = in6addr_loopback;
         }
-        sockaddr_in6* v6 = reinterpret_cast<sockaddr_in6*>(address);
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(static_cast<uint16_t>(port));
-        v6->sin6_addr = in6addr_loopback;
-        return sizeof *v6;
+        socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+        sockaddr* any = reinterpret_cast<sockaddr*>(&address);
+        if (bind(fd_, any, length) != 0 || getsockname(fd_, any, &length) != 0 ||
+            (backlog >= 0 && listen(fd_, backlog) != 0)) {
+            throw std::runtime_error("cannot make a loopback port");
+        }
+        port_ = ntohs(v4->sin_port);  // where sin6_port lies too
+        filler_ = silent ? socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
+        if (silent && connect(filler_, any, length) != 0) {
+            throw std::runtime_error("cannot fill the accept queue");
+        }
     }
+    ~loopback_port() {
+        close(fd_);
+        close(filler_);
+    }
+    int port() const { return port_; }
 
 private:
     int fd_;
+    int filler_ = -1;
     int port_ = 0;
-};
-
-// A listener with backlog 0 whose one queue place is taken by a connection
-// never accepted: further SYNs are dropped, so a connect hangs.
-class silent_port {
-public:
-    silent_port() : listener_(AF_INET, true, 0), filler_(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_storage address;
-        socklen_t length = loopback_port::loopback(AF_INET, listener_.port(), &address);
-        EXPECT_EQ(connect(filler_, reinterpret_cast<sockaddr*>(&address), length), 0);
-    }
-    ~silent_port() { close(filler_); }
-    silent_port(const silent_port&) = delete;
-    silent_port& operator=(const silent_port&) = delete;
-
-    int port() const { return listener_.port(); }
-
-private:
-    loopback_port listener_;
-    int filler_;
 };
 
 #endif

@@ -1,0 +1,88 @@
+// control_test.cpp - the control-run log (newest first, the last 32 kept,
+// exit status or signal, texts cut to their buffers), and a script's exit
+// status kept though signals interrupt the wait for it. Runs in the
+// sandbox: the test puts its own script at the init script's fixed path.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "common/device_paths.h"
+#include "control/control_runs.h"
+#include "control/services_handler.h"
+
+namespace {
+
+// A member of the log's item at `index`, as JSON text.
+std::string run_member(std::size_t index, const char* name) {
+    json_object* reply = json_tokener_parse(control_runs_reply().c_str());
+    json_object* items = json_object_object_get(reply, "items");
+    std::string text = std::to_string(json_object_array_length(items)) + " items";
+    if (index < json_object_array_length(items)) {
+        json_object* member = json_object_object_get(json_object_array_get_idx(items, index), name);
+        text = json_object_to_json_string_ext(member, JSON_C_TO_STRING_NOSLASHESCAPE);
+    }
+    json_object_put(reply);
+    return text;
+}
+
+// The log is process-wide and never emptied: this test runs first.
+TEST(ControlRuns, NewestFirstWithTheirOutcomesAndOnlyTheLastKept) {
+    EXPECT_EQ(R"({ "return": 0, "items": [ ] })", control_runs_reply());
+    control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str());
+    control_run_ended_without_status(control_run_begin("restart", "x"));
+    control_run_exited(control_run_begin("stop", "y"), W_EXITCODE(3, 0));
+    control_run_exited(control_run_begin("start", "z"), SIGKILL);
+    const std::string rows[][4] = {
+        // method, command, exit status, signal
+        {"\"start\"", "\"z\"", "null", "9"},
+        {"\"stop\"", "\"y\"", "3", "null"},
+        {"\"restart\"", "\"x\"", "null", "null"},
+        {'"' + std::string(31, 'm') + '"', '"' + std::string(255, 'c') + '"', "null", "null"},
+    };
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(rows[i][0], run_member(i, "method"));
+        EXPECT_EQ(rows[i][1], run_member(i, "command"));
+        EXPECT_EQ(rows[i][2], run_member(i, "exit_status"));
+        EXPECT_EQ(rows[i][3], run_member(i, "signal"));
+        EXPECT_EQ(i == 3, run_member(i, "ended") == "null") << i;
+    }
+    for (int i = 0; i < CONTROL_RUNS_KEPT; ++i) {
+        control_run_begin("start", std::to_string(i).c_str());
+    }
+    EXPECT_EQ("\"31\"", run_member(0, "command"));
+    EXPECT_EQ("\"0\"", run_member(CONTROL_RUNS_KEPT - 1, "command"));
+    EXPECT_EQ("32 items", run_member(CONTROL_RUNS_KEPT, "command"));
+}
+
+void interrupt(int) {}
+
+// SIGUSR1 (handled without SA_RESTART) reaches only the worker thread,
+// which inherits it unblocked, while it waits for the script.
+TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
+    mkdir("/etc/init.d", 0755);
+    std::ofstream(SERVICES_SCRIPT_PATH) << "#!/bin/sh\nsleep 0.5\nexit 3\n";
+    ASSERT_EQ(0, chmod(SERVICES_SCRIPT_PATH, 0755));
+    struct sigaction action = {};
+    action.sa_handler = interrupt;
+    sigaction(SIGUSR1, &action, nullptr);
+    proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "start"})"));
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    const std::string command = '"' + std::string(SERVICES_SCRIPT_PATH) + " start\"";
+    for (int poll = 0; poll < 1000 && (run_member(0, "command") != command || run_member(0, "ended") == "null");
+         ++poll) {
+        kill(getpid(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ("3", run_member(0, "exit_status"));
+}
+
+}  // namespace

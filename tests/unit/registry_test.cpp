@@ -1,0 +1,290 @@
+// registry_test.cpp - the registry and its file: operations, name order,
+// loading tests/fixtures/registry, the one-write rewrite (seen through an
+// interposed write), paths not to write through, a full file system, memory
+// running out. Runs in the sandbox (fixed path scratch, /tmp mountable).
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <new>
+#include <sstream>
+#include <tuple>
+#include <vector>
+
+#include "common/device_paths.h"
+#include "common/print_log.h"
+#include "registry/svc_info_map.h"
+#include "stderr_capture.h"
+
+namespace {
+
+// While armed, write(2) on the registry file is recorded and takes at most
+// `per_call` bytes; after `calls_left` calls it fails with ENOSPC.
+struct write_plan {
+    bool armed = false;
+    std::size_t per_call = SIZE_MAX;
+    std::size_t calls_left = SIZE_MAX;
+    std::vector<std::size_t> asked;
+    std::string first;
+} plan;
+
+// The allocation that fails with std::bad_alloc after this many; -1: none.
+std::atomic<long> allocations_left{-1};
+
+bool is_registry_file(int fd) {
+    struct stat open_file, named;
+    return fstat(fd, &open_file) == 0 && stat(REGISTRY_FILE_PATH, &named) == 0 &&
+           open_file.st_ino == named.st_ino && open_file.st_dev == named.st_dev;
+}
+
+}  // namespace
+
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+    if (!plan.armed || !is_registry_file(fd)) {
+        return syscall(SYS_write, fd, data, size);
+    }
+    plan.first += plan.asked.empty() ? std::string(static_cast<const char*>(data), size) : "";
+    plan.asked.push_back(size);
+    errno = ENOSPC;
+    return plan.calls_left-- == 0 ? -1 : syscall(SYS_write, fd, data, std::min(size, plan.per_call));
+}
+
+void* operator new(std::size_t size) {
+    long left = allocations_left.load();
+    allocations_left.store(left > 0 ? left - 1 : left);
+    void* memory = left == 0 ? nullptr : std::malloc(size == 0 ? 1 : size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#pragma GCC diagnostic pop
+
+namespace {
+
+std::string read_file(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// The registry as "name,ip,port\n" lines, as its file holds it.
+std::string registry_text() {
+    svc_info_entry_list list;
+    svc_info_list(list);
+    std::string text;
+    for (const auto& entry : list) {
+        text += entry->name + "," + entry->ip + "," + std::to_string(entry->port) + "\n";
+    }
+    return text;
+}
+
+int add(const std::string& name, const std::string& ip, int port = 1) {
+    svc_info info;
+    info.ip = ip;
+    info.port = port;
+    return svc_info_add(name, info);
+}
+
+// Adds `count` services named from s1000 on, each a 101-byte file line.
+void add_long_lines(int count) {
+    for (int index = 0; index < count; index++) {
+        add("s" + std::to_string(1000 + index), std::string(92, '1'));
+    }
+}
+
+class registry_test : public testing::Test {
+protected:
+    void SetUp() override { reset(); }
+    void TearDown() override { reset(); }
+    static void reset() {
+        verbose_level = 0;
+        plan = write_plan();
+        svc_info_destroy();
+        std::remove(REGISTRY_FILE_PATH);
+    }
+};
+
+// Each step's result code, and the file afterwards (null: left as it was).
+TEST_F(registry_test, EachChangeRewritesTheFileInNameOrder) {
+    svc_info out;
+    out.ip = "caller";
+    const std::tuple<std::function<int()>, int, const char*> steps[] = {
+        {[] { return add("b", "10.0.0.1", 80); }, SVC_INFO_OK, "b,10.0.0.1,80\n"},
+        {[] { return add("b", "10.0.0.1", 80); }, SVC_INFO_OK, nullptr},
+        {[] { return add("b", "10.0.0.1", 81); }, SVC_INFO_OK, "b,10.0.0.1,81\n"},
+        {[] { return add("b", "10.0.0.01", 81); }, SVC_INFO_OK, "b,10.0.0.01,81\n"},
+        {[] { return add("\xC3\xA9", "1") + add("B", "1") + add("bb", "1"); }, SVC_INFO_OK,
+         "B,1,1\nb,10.0.0.01,81\nbb,1,1\n\xC3\xA9,1,1\n"},
+        {[] { return svc_info_delete("bb"); }, SVC_INFO_OK, "B,1,1\nb,10.0.0.01,81\n\xC3\xA9,1,1\n"},
+        {[] { return svc_info_delete("x"); }, SVC_INFO_NO_SUCH_NAME, nullptr},
+        {[&] { return svc_info_get("x", out); }, SVC_INFO_NO_SUCH_NAME, nullptr},
+        {[] { return add("", "1"); }, SVC_INFO_EMPTY_NAME, nullptr},
+        {[&] { return svc_info_get("", out); }, SVC_INFO_EMPTY_NAME, nullptr},
+        {[] { return svc_info_delete(""); }, SVC_INFO_EMPTY_NAME, nullptr},
+        {[] { return svc_info_delete("B") + svc_info_delete("\xC3\xA9"); }, SVC_INFO_OK,
+         "b,10.0.0.01,81\n"},
+    };
+    std::string file = "stale\n";
+    for (const auto& [run, result, file_after] : steps) {
+        SCOPED_TRACE(file);
+        write_file(REGISTRY_FILE_PATH, file);
+        EXPECT_EQ(result, run());
+        file = file_after != nullptr ? file_after : file;
+        EXPECT_EQ(file, read_file(REGISTRY_FILE_PATH));
+    }
+    EXPECT_EQ("caller", out.ip);
+    ASSERT_EQ(SVC_INFO_OK, svc_info_get("b", out));
+    EXPECT_EQ("10.0.0.01:81 off-line", out.ip + ":" + std::to_string(out.port) + " " + out.health_status);
+}
+
+TEST_F(registry_test, SecondAddOfANameIsLoggedAsSuch) {
+    add("a", "10.0.0.1");
+    verbose_level = WARN;
+    stderr_capture console;
+    add("a", "10.0.0.1");
+    EXPECT_EQ("Already exists, check content : a\n    Identical content, do nothing\n", console.text());
+}
+
+TEST_F(registry_test, ShutdownWritesTheFileAndStartUpLoadsIt) {
+    svc_info_init();
+    add("b", "10.0.0.2", -1);
+    add("a", "127.0.0.1", 80);
+    std::remove(REGISTRY_FILE_PATH);
+    svc_info_uninit();
+    EXPECT_EQ("", registry_text());
+    svc_info_init();
+    EXPECT_EQ("a,127.0.0.1,80\nb,10.0.0.2,-1\n", registry_text());
+}
+
+TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"empty.inf", ""},
+        {"last_line_no_lf.inf", "a,10.0.0.2,80\n"},
+        {"truncated_mid_line.inf", "a,10.0.0.2,80\n"},
+        {"empty_fields.inf", "a,10.0.0.2,80\nb,10.0.0.3,81\n"},
+        {"too_few_fields.inf", "b,10.0.0.3,81\n"},
+        {"too_many_fields.inf", "c,10.0.0.4,82\n"},
+        {"blank_lines.inf", "a,10.0.0.2,80\nb,10.0.0.3,81\n"},
+        {"port_not_number.inf", "a,10.0.0.2,0\nb,10.0.0.3,80\nc,10.0.0.4,81\nd,10.0.0.5,-7\n"
+                                "e,10.0.0.6," + std::to_string(INT_MAX) + "\n"},
+        {"carriage_returns.inf", "a,10.0.0.2,80\nb,10.0.0.3\r,81\n"},
+        {"fields_by_position.inf", "a,80,10\n"},
+        {"repeated_names.inf", "a,10.0.0.9,90\nb,10.0.0.3,81\n"},
+        {"line_126_chars.inf", std::string(114, 'n') + ",10.0.0.2,80\nz,10.0.0.4,82\n"},
+        {"line_131_chars.inf", "z,10.0.0.4,82\n"},
+        {"line_300_chars.inf", "z,10.0.0.4,82\n"},
+        {"binary_junk.inf", "a,10.0.0.2,80\nc,10.0.0.4,82\n\xfe\xfd,\x01ip,7\n"},
+    };
+    for (const auto& [fixture, loaded] : cases) {
+        reset();
+        write_file(REGISTRY_FILE_PATH, read_file(std::string(FIXTURE_DIR) + "/registry/" + fixture));
+        svc_info_init();
+        EXPECT_EQ(loaded, registry_text()) << fixture;
+    }
+}
+
+// Old size, bytes taken per write, writes before the disk is full, the
+// writes asked for, and the bytes of the new content kept. A longer old
+// file is covered by padding in the one write, then cut (padding left by a
+// crash loads as nothing); a failed write never leaves half a line.
+TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
+    const std::tuple<std::size_t, std::size_t, std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {
+        {12000, SIZE_MAX, SIZE_MAX, {12000}, 10100},
+        {4, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100},
+        {4, 4000, 1, {10100, 6100}, 39 * 101},
+    };
+    for (const auto& [old_size, per_call, calls_left, asked, kept] : cases) {
+        reset();
+        add_long_lines(100);
+        const std::string content = registry_text();
+        write_file(REGISTRY_FILE_PATH, std::string(old_size, 'o'));
+        plan = write_plan{true, per_call, calls_left, {}, {}};
+        svc_info_write_back();
+        plan.armed = false;
+        EXPECT_EQ(asked, plan.asked);
+        EXPECT_EQ(content.substr(0, kept), read_file(REGISTRY_FILE_PATH));
+        write_file(REGISTRY_FILE_PATH, plan.first);
+        svc_info_destroy();
+        svc_info_init();
+        EXPECT_EQ(content, registry_text());
+    }
+}
+
+// A FIFO nobody reads (which must not block) or a symlink at the path is
+// left alone; the first change after it is gone writes the whole registry.
+TEST_F(registry_test, FifoOrSymlinkAtThePathIsLeftAlone) {
+    const char target[] = "/tmp/planted_target";
+    for (bool fifo : {true, false}) {
+        reset();
+        write_file(target, "precious\n");
+        ASSERT_EQ(0, fifo ? mkfifo(REGISTRY_FILE_PATH, 0644) : symlink(target, REGISTRY_FILE_PATH));
+        EXPECT_EQ(SVC_INFO_OK, add("a", "10.0.0.1"));
+        EXPECT_EQ("precious\n", read_file(target));
+        ASSERT_EQ(0, unlink(REGISTRY_FILE_PATH));
+        add("b", "10.0.0.2");
+        EXPECT_EQ("a,10.0.0.1,1\nb,10.0.0.2,1\n", read_file(REGISTRY_FILE_PATH));
+    }
+    std::remove(target);
+}
+
+std::string mount_namespace(const std::string& process) {
+    char link[64] = "";
+    return readlink(("/proc/" + process + "/ns/mnt").c_str(), link, sizeof link - 1) > 0 ? link : "";
+}
+
+// A tmpfs of four pages over /tmp, in the sandbox's own mount namespace only.
+TEST_F(registry_test, FullFileSystemKeepsTheOldFileWhole) {
+    ASSERT_NE(mount_namespace("1"), mount_namespace("self")) << "run in the sandbox";
+    ASSERT_EQ(0, mount("tmpfs", "/tmp", "tmpfs", 0, "size=16k"));
+    add_long_lines(40);
+    const std::string one_page = read_file(REGISTRY_FILE_PATH);
+    FILE* filler = fopen("/tmp/filler", "w");
+    while (fputs("filler", filler) >= 0 && fflush(filler) == 0) {
+    }
+    fclose(filler);
+    EXPECT_EQ(SVC_INFO_OK, add("s0999", std::string(92, '1')));
+    EXPECT_EQ(4040u, one_page.size());
+    EXPECT_EQ(one_page, read_file(REGISTRY_FILE_PATH));
+    umount2("/tmp", MNT_DETACH);
+}
+
+// Memory runs out at each allocation of an add in turn: the add fails
+// with the registry and its file as they were, until it completes. A
+// write-back out of memory keeps the old file.
+TEST_F(registry_test, OutOfMemoryChangesNothing) {
+    add("kept", std::string(40, '1'));
+    const std::string before = registry_text();
+    for (long allocations = 0; allocations < 64 && registry_text() == before; allocations++) {
+        allocations_left.store(allocations);
+        try {
+            add(std::string(40, 'n'), "10.0.0.1");
+        } catch (const std::bad_alloc&) {
+            allocations_left.store(-1);
+            EXPECT_EQ(before + before, registry_text() + read_file(REGISTRY_FILE_PATH));
+        }
+        allocations_left.store(-1);
+    }
+    EXPECT_EQ(before + std::string(40, 'n') + ",10.0.0.1,1\n", registry_text());
+    write_file(REGISTRY_FILE_PATH, "old\n");
+    allocations_left.store(0);
+    svc_info_write_back();
+    allocations_left.store(-1);
+    EXPECT_EQ("old\n", read_file(REGISTRY_FILE_PATH));
+}
+
+}  // namespace
