@@ -18,14 +18,14 @@
 
 namespace {
 
-// A member of the log's item at `index`, as JSON text.
-std::string run_member(std::size_t index, const char* name) {
+// Members of the log's item at `index` as JSON texts, after a space each.
+std::string run(std::size_t index, std::initializer_list<const char*> names) {
     json_object* reply = json_tokener_parse(control_runs_reply().c_str());
-    json_object* items = json_object_object_get(reply, "items");
-    std::string text = std::to_string(json_object_array_length(items)) + " items";
-    if (index < json_object_array_length(items)) {
-        json_object* member = json_object_object_get(json_object_array_get_idx(items, index), name);
-        text = json_object_to_json_string_ext(member, JSON_C_TO_STRING_NOSLASHESCAPE);
+    json_object* item = json_object_array_get_idx(json_object_object_get(reply, "items"), index);
+    std::string text;
+    for (const char* name : names) {
+        text += " " + std::string(item == nullptr ? "none" : json_object_to_json_string_ext(
+                                      json_object_object_get(item, name), JSON_C_TO_STRING_NOSLASHESCAPE));
     }
     json_object_put(reply);
     return text;
@@ -38,32 +38,26 @@ TEST(ControlRuns, NewestFirstWithTheirOutcomesAndOnlyTheLastKept) {
     control_run_ended_without_status(control_run_begin("restart", "x"));
     control_run_exited(control_run_begin("stop", "y"), W_EXITCODE(3, 0));
     control_run_exited(control_run_begin("start", "z"), SIGKILL);
-    const std::string rows[][4] = {
-        // method, command, exit status, signal
-        {"\"start\"", "\"z\"", "null", "9"},
-        {"\"stop\"", "\"y\"", "3", "null"},
-        {"\"restart\"", "\"x\"", "null", "null"},
-        {'"' + std::string(31, 'm') + '"', '"' + std::string(255, 'c') + '"', "null", "null"},
+    const std::string shown[] = {  // method, command, exit status, signal
+        R"( "start" "z" null 9)", R"( "stop" "y" 3 null)", R"( "restart" "x" null null)",
+        " \"" + std::string(31, 'm') + "\" \"" + std::string(255, 'c') + "\" null null",
     };
     for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(rows[i][0], run_member(i, "method"));
-        EXPECT_EQ(rows[i][1], run_member(i, "command"));
-        EXPECT_EQ(rows[i][2], run_member(i, "exit_status"));
-        EXPECT_EQ(rows[i][3], run_member(i, "signal"));
-        EXPECT_EQ(i == 3, run_member(i, "ended") == "null") << i;
+        EXPECT_EQ(shown[i], run(i, {"method", "command", "exit_status", "signal"}));
+        EXPECT_EQ(i == 3, run(i, {"ended"}) == " null") << i;
     }
     for (int i = 0; i < CONTROL_RUNS_KEPT; ++i) {
         control_run_begin("start", std::to_string(i).c_str());
     }
-    EXPECT_EQ("\"31\"", run_member(0, "command"));
-    EXPECT_EQ("\"0\"", run_member(CONTROL_RUNS_KEPT - 1, "command"));
-    EXPECT_EQ("32 items", run_member(CONTROL_RUNS_KEPT, "command"));
+    EXPECT_EQ(R"( "31")", run(0, {"command"}));
+    EXPECT_EQ(R"( "0")", run(CONTROL_RUNS_KEPT - 1, {"command"}));
+    EXPECT_EQ(" none", run(CONTROL_RUNS_KEPT, {"command"}));
 }
 
 void interrupt(int) {}
 
-// SIGUSR1 (handled without SA_RESTART) reaches only the worker thread,
-// which inherits it unblocked, while it waits for the script.
+// SIGUSR1, handled without SA_RESTART, reaches only the worker thread
+// (it inherits it unblocked) while the worker waits for the script.
 TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
     mkdir("/etc/init.d", 0755);
     std::ofstream(SERVICES_SCRIPT_PATH) << "#!/bin/sh\nsleep 0.5\nexit 3\n";
@@ -73,16 +67,14 @@ TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
     sigaction(SIGUSR1, &action, nullptr);
     proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "start"})"));
     sigset_t usr1;
-    sigemptyset(&usr1);
-    sigaddset(&usr1, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
-    const std::string command = '"' + std::string(SERVICES_SCRIPT_PATH) + " start\"";
-    for (int poll = 0; poll < 1000 && (run_member(0, "command") != command || run_member(0, "ended") == "null");
-         ++poll) {
+    sigemptyset(&usr1), sigaddset(&usr1, SIGUSR1), pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+    const std::string started = " \"" + std::string(SERVICES_SCRIPT_PATH) + " start\"";
+    auto finished = [&] { return run(0, {"command", "ended"}).rfind(started + " \"", 0) == 0; };
+    for (int poll = 0; poll < 1000 && !finished(); ++poll) {
         kill(getpid(), SIGUSR1);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    EXPECT_EQ("3", run_member(0, "exit_status"));
+    EXPECT_EQ(started + " 3", run(0, {"command", "exit_status"}));
 }
 
 }  // namespace

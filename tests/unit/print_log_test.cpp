@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "stderr_capture.h"
 
 namespace {
@@ -13,15 +11,13 @@ namespace {
 TEST(PrintLog, ShowsLevelsUpToTheVerboseLevelAndCutsLongMessages) {
     const std::string longest(PRINT_LOG_MAX_CHARS, 'x');
     const std::tuple<int, unsigned, std::string, std::string> cases[] = {
-        {0, ERR, "line", "line"},   {0, WARN, "line", ""},   {1, WARN, "line", "line"},
+        {0, ERR, "line", "line"},   {0, WARN, "line", ""},      {1, WARN, "line", "line"},
         {1, DEBUG, "line", ""},     {2, DEBUG, "line", "line"}, {2, 3, "line", ""},
         {-1, ERR, "line", ""},      {0, ERR, longest + "yz", longest}, {0, ERR, longest, longest},
     };
     for (const auto& [verbose, level, message, shown] : cases) {
         verbose_level = verbose;
-        stderr_capture console;
-        print_log(level, "%s", message.c_str());
-        EXPECT_EQ(shown, console.text()) << verbose << " " << level << " " << message.size();
+        EXPECT_EQ(shown, stderr_of([&] { print_log(level, "%s", message.c_str()); })) << level;
     }
     verbose_level = 0;
 }

@@ -1,21 +1,85 @@
-// prober_test.cpp - the reachability prober: its reply before any check,
-// the window of connects it allows itself under the descriptor limit, and
-// the findings it keeps (reachable, failures in a row, since). Runs in the
-// sandbox: registering a service writes the registry file.
+// prober_test.cpp - reachability: the parallel connect checks against
+// loopback peers (every outcome whatever the window, sockets closed again,
+// the stop descriptor), and the prober's reply, window under the descriptor
+// limit and findings. Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
-#include "probe_listeners.h"
+#include "monitor/tcp_probe.h"
 #include "registry/svc_info_map.h"
 
 namespace {
+
+// A loopback port that listens with `backlog`, or refuses connects when it
+// is negative; `silent` takes the one place of a backlog of 0, so that a
+// connect neither completes nor fails until given up.
+struct loopback_port {
+    int fd, filler = -1, port = 0;
+    loopback_port(int family, int backlog, bool silent = false) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in6 address{};  // an IPv4 address has its port at the same place
+        address.sin6_family = static_cast<sa_family_t>(family);
+        inet_pton(family, family == AF_INET ? "127.0.0.1" : "::1",
+                  family == AF_INET ? static_cast<void*>(&reinterpret_cast<sockaddr_in*>(&address)->sin_addr)
+                                    : static_cast<void*>(&address.sin6_addr));
+        socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof address;
+        sockaddr* any = reinterpret_cast<sockaddr*>(&address);
+        bind(fd, any, length), getsockname(fd, any, &length), port = ntohs(address.sin6_port);
+        backlog >= 0 ? listen(fd, backlog) : 0;
+        filler = silent ? socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
+        EXPECT_TRUE(port > 0 && (!silent || connect(filler, any, length) == 0));
+    }
+    ~loopback_port() { close(fd), close(filler); }
+};
+
+std::size_t open_descriptors() {
+    std::size_t count = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    for (; readdir(fds) != nullptr; ++count) {
+    }
+    closedir(fds);
+    return count;
+}
+
+TEST(ProbeTargets, EveryOutcomeWhateverTheWindow) {
+    loopback_port up4(AF_INET, 16), up6(AF_INET6, 16), closed(AF_INET, -1), silent(AF_INET, 0, true);
+    const std::vector<std::pair<probe_target, const char*>> cases = {
+        {{"127.0.0.1", up4.port}, ""},         {{"::1", up6.port}, ""},
+        {{"127.0.0.1", closed.port}, "connection refused"}, {{"127.0.0.1", silent.port}, PROBE_TIMED_OUT},
+        {{"localhost", up4.port}, PROBE_NOT_NUMERIC}, {{"127.1", up4.port}, PROBE_NOT_NUMERIC},
+        {{"::1%lo", up6.port}, PROBE_NOT_NUMERIC},    {{"127.0.0.1", 0}, PROBE_INVALID_PORT},
+        {{"127.0.0.1", 65536}, PROBE_INVALID_PORT},
+    };
+    std::vector<probe_target> targets;
+    for (const auto& [target, error] : cases) {
+        targets.push_back(target);
+    }
+    const std::size_t descriptors = open_descriptors();
+    for (std::size_t window : {std::size_t{1}, cases.size()}) {
+        std::vector<probe_result> results;
+        ASSERT_TRUE(probe_targets(targets, {300, window}, -1, results));
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            EXPECT_STREQ(cases[i].second, results[i].error) << targets[i].ip << " " << targets[i].port;
+            EXPECT_EQ(*results[i].error == '\0', results[i].reachable) << targets[i].ip;
+        }
+        EXPECT_EQ(descriptors, open_descriptors());
+    }
+    int wake[2];
+    ASSERT_EQ(0, pipe(wake));
+    ASSERT_EQ(1, write(wake[1], "x", 1));
+    std::vector<probe_result> results;
+    EXPECT_FALSE(probe_targets({{"127.0.0.1", silent.port}}, {3600 * 1000, 4}, wake[0], results));
+    close(wake[0]), close(wake[1]);
+}
 
 svc_info at_port(int port) {
     svc_info info;
@@ -39,7 +103,7 @@ std::string finding(const std::string& name, const char* member) {
     return text;
 }
 
-// Polls until the member shows `value`; a few periods at most.
+// Polls until the member shows `value`, for a few periods at most.
 bool becomes(const std::string& name, const char* member, const std::string& value) {
     for (int poll = 0; poll < 1000 && finding(name, member) != value; ++poll) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -47,6 +111,7 @@ bool becomes(const std::string& name, const char* member, const std::string& val
     return finding(name, member) == value;
 }
 
+// Before the prober ever started: period 0 and no finding.
 TEST(Prober, BeforeAnyCheckEveryFindingIsNull) {
     svc_info_add("a", at_port(1));
     EXPECT_EQ(R"({ "return": 0, "period": 0, "items": [ { "name": "a", "ip": "127.0.0.1", "port": 1, )"
@@ -63,26 +128,24 @@ TEST(Prober, FindingsOfRoundsWithinTheDescriptorLimit) {
     for (int fd = 0; fd < 64; ++fd) {
         used += fcntl(fd, F_GETFD) != -1;
     }
-    const int wake_pipe = 2;
     rlimit saved;
     getrlimit(RLIMIT_NOFILE, &saved);
-    const rlimit lowered = {static_cast<rlim_t>(used + wake_pipe + 8), saved.rlim_max};
+    const rlimit lowered = {static_cast<rlim_t>(used + 2 + 8), saved.rlim_max};  // 2: the prober's wake-up pipe
     ASSERT_LT(lowered.rlim_cur, 32u) << "too many descriptors open already";
     for (int service = 0; service < 9; ++service) {
-        svc_info_add("up" + std::to_string(service), at_port(up.port()));
+        svc_info_add("up" + std::to_string(service), at_port(up.port));
     }
-    svc_info_add("down", at_port(closed.port()));
+    svc_info_add("down", at_port(closed.port));
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lowered));
     ASSERT_TRUE(prober_start(1));
     EXPECT_TRUE(becomes("down", "failures", "1"));
     for (int service = 0; service < 9; ++service) {
-        EXPECT_EQ("true", finding("up" + std::to_string(service), "reachable")) << service;
-        EXPECT_EQ("0", finding("up" + std::to_string(service), "failures")) << service;
+        EXPECT_EQ("true 0", finding("up" + std::to_string(service), "reachable") + " " +
+                                finding("up" + std::to_string(service), "failures"));
     }
     const std::string since = finding("down", "since");
     EXPECT_TRUE(becomes("down", "failures", "2"));
-    EXPECT_EQ(since, finding("down", "since"));
-    EXPECT_EQ("false", finding("down", "reachable"));
+    EXPECT_EQ(since + " false", finding("down", "since") + " " + finding("down", "reachable"));
     prober_stop();
     setrlimit(RLIMIT_NOFILE, &saved);
 }

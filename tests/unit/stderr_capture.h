@@ -1,6 +1,5 @@
-// stderr_capture.h - test helper: sends file descriptor 2 (and so the
-// stderr stream) to a temporary file while it lives, and hands back what
-// was written. Single-threaded use in a test body.
+// stderr_capture.h - test helper: what `action` writes to file descriptor 2
+// (and so to the stderr stream). Single-threaded use in a test body.
 #ifndef MANAGER_SVC_TESTS_STDERR_CAPTURE_H
 #define MANAGER_SVC_TESTS_STDERR_CAPTURE_H
 
@@ -9,43 +8,21 @@
 #include <cstdio>
 #include <string>
 
-class stderr_capture {
-public:
-    stderr_capture() : file_(tmpfile()), saved_fd_(dup(STDERR_FILENO)) {
-        fflush(stderr);
-        dup2(fileno(file_), STDERR_FILENO);
-    }
-    ~stderr_capture() { restore(); }
-    stderr_capture(const stderr_capture&) = delete;
-    stderr_capture& operator=(const stderr_capture&) = delete;
-
-    // Ends the capture and returns every byte written meanwhile.
-    std::string text() {
-        restore();
-        return captured_;
-    }
-
-private:
-    void restore() {
-        if (file_ == nullptr) {
-            return;
-        }
-        fflush(stderr);
-        dup2(saved_fd_, STDERR_FILENO);
-        close(saved_fd_);
-        rewind(file_);
-        char chunk[4096];
-        std::size_t count;
-        while ((count = fread(chunk, 1, sizeof chunk, file_)) > 0) {
-            captured_.append(chunk, count);
-        }
-        fclose(file_);
-        file_ = nullptr;
-    }
-
-    FILE* file_;
-    int saved_fd_;
-    std::string captured_;
-};
+template <typename Action>
+std::string stderr_of(Action action) {
+    FILE* file = tmpfile();
+    const int saved = dup(STDERR_FILENO);
+    fflush(stderr);
+    dup2(fileno(file), STDERR_FILENO);
+    action();
+    fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string text(static_cast<std::size_t>(ftell(file)), '\0');
+    rewind(file);
+    text.resize(fread(&text[0], 1, text.size(), file));
+    fclose(file);
+    return text;
+}
 
 #endif
