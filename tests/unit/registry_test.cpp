@@ -38,6 +38,34 @@ struct write_plan {
 // The allocation that fails with std::bad_alloc after this many; -1: none.
 std::atomic<long> allocations_left{-1};
 
+std::string read_file(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// The registry as "name,ip,port\n" lines, as its file holds it.
+std::string registry_text() {
+    svc_info_entry_list list;
+    svc_info_list(list);
+    std::string text;
+    for (const auto& entry : list) {
+        text += entry->name + "," + entry->ip + "," + std::to_string(entry->port) + "\n";
+    }
+    return text;
+}
+
+int add(const std::string& name, const std::string& ip) {
+    svc_info info;
+    info.ip = ip;
+    info.port = 1;
+    return svc_info_add(name, info);
+}
+
 bool is_registry_file(int fd) {
     struct stat open_file, named;
     return fstat(fd, &open_file) == 0 && stat(REGISTRY_FILE_PATH, &named) == 0 && open_file.st_ino == named.st_ino;
@@ -74,34 +102,6 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 #pragma GCC diagnostic pop
 
 namespace {
-
-std::string read_file(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
-
-void write_file(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-// The registry as "name,ip,port\n" lines, as its file holds it.
-std::string registry_text() {
-    svc_info_entry_list list;
-    svc_info_list(list);
-    std::string text;
-    for (const auto& entry : list) {
-        text += entry->name + "," + entry->ip + "," + std::to_string(entry->port) + "\n";
-    }
-    return text;
-}
-
-int add(const std::string& name, const std::string& ip) {
-    svc_info info;
-    info.ip = ip;
-    info.port = 1;
-    return svc_info_add(name, info);
-}
 
 struct registry_test : testing::Test {
     void SetUp() override { reset(); }
