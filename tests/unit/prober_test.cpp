@@ -42,22 +42,17 @@ struct loopback_port {
 
 TEST(ProbeTargets, EveryOutcomeWhateverTheWindow) {
     loopback_port up4(AF_INET, 16), up6(AF_INET6, 16), closed(AF_INET, -1), silent(AF_INET, 0, true);
-    const std::vector<std::pair<probe_target, const char*>> cases = {
-        {{"127.0.0.1", up4.port}, ""},         {{"::1", up6.port}, ""},
-        {{"127.0.0.1", closed.port}, "connection refused"}, {{"127.0.0.1", silent.port}, PROBE_TIMED_OUT},
-        {{"localhost", up4.port}, PROBE_NOT_NUMERIC}, {{"127.1", up4.port}, PROBE_NOT_NUMERIC},
-        {{"::1%lo", up6.port}, PROBE_NOT_NUMERIC},    {{"127.0.0.1", 0}, PROBE_INVALID_PORT},
-        {{"127.0.0.1", 65536}, PROBE_INVALID_PORT},
+    const std::vector<probe_target> targets = {
+        {"127.0.0.1", up4.port}, {"::1", up6.port}, {"127.0.0.1", closed.port}, {"127.0.0.1", silent.port},
+        {"localhost", up4.port}, {"127.1", up4.port}, {"::1%lo", up6.port}, {"127.0.0.1", 0}, {"127.0.0.1", 65536},
     };
-    std::vector<probe_target> targets;
-    for (const auto& [target, error] : cases) {
-        targets.push_back(target);
-    }
-    for (std::size_t window : {std::size_t{1}, cases.size()}) {
+    const char* const errors[] = {"", "", "connection refused", PROBE_TIMED_OUT, PROBE_NOT_NUMERIC, PROBE_NOT_NUMERIC,
+                                  PROBE_NOT_NUMERIC, PROBE_INVALID_PORT, PROBE_INVALID_PORT};
+    for (std::size_t window : {std::size_t{1}, targets.size()}) {
         std::vector<probe_result> results;
         ASSERT_TRUE(probe_targets(targets, {300, window}, -1, results));
-        for (std::size_t i = 0; i < cases.size(); ++i) {
-            EXPECT_STREQ(cases[i].second, results[i].error) << targets[i].ip << " " << targets[i].port;
+        for (std::size_t i = 0; i < targets.size(); ++i) {
+            EXPECT_STREQ(errors[i], results[i].error) << targets[i].ip << " " << targets[i].port;
             EXPECT_EQ(*results[i].error == '\0', results[i].reachable) << targets[i].ip;
         }
     }
