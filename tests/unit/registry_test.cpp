@@ -121,6 +121,7 @@ TEST_F(registry_test, SecondAddOfANameIsLoggedAsSuch) {
               stderr_of([] { add("a", "10.0.0.1"); }));
 }
 
+// What start-up loads, shutdown writes back.
 TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     const std::pair<const char*, std::string> cases[] = {
         {"empty.inf", ""}, {"last_line_no_lf.inf", "a,10.0.0.2,80\n"}, {"too_few_fields.inf", "b,10.0.0.3,81\n"},
@@ -137,6 +138,9 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
         write_file(REGISTRY_FILE_PATH, read_file(std::string(FIXTURE_DIR) + "/registry/" + fixture));
         svc_info_init();
         EXPECT_EQ(loaded, registry_text()) << fixture;
+        std::remove(REGISTRY_FILE_PATH);
+        svc_info_uninit();
+        EXPECT_EQ(loaded, read_file(REGISTRY_FILE_PATH)) << fixture;
     }
 }
 

@@ -42,12 +42,14 @@ const std::string& content_of(const std::shared_ptr<httpserver::http_response>& 
     return dynamic_cast<const httpserver::string_response&>(*reply).get_content();
 }
 
-// The project's own pages have not changed for a while: replies share one copy.
+// The project's own pages have not changed for a while: replies share one
+// copy. The bare prefix leads to the start page.
 TEST(WebPages, RepliesShareOneCopyOfAnUnchangedPage) {
     svcmon_set_home_path(FIXTURE_DIR "/../../web");
     auto first = serve("/index.html");
     EXPECT_EQ(200, first->get_response_code());
     EXPECT_EQ(content_of(first).data(), content_of(serve("/index.html")).data());
+    EXPECT_EQ(WEB_START_PAGE, serve("/")->get_header("Location"));
 }
 
 }  // namespace
