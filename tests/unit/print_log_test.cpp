@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "stderr_capture.h"
-
 namespace {
 
 TEST(PrintLog, ShowsLevelsUpToTheVerboseLevelAndCutsLongMessages) {
@@ -17,7 +15,9 @@ TEST(PrintLog, ShowsLevelsUpToTheVerboseLevelAndCutsLongMessages) {
     };
     for (const auto& [verbose, level, message, shown] : cases) {
         verbose_level = verbose;
-        EXPECT_EQ(shown, stderr_of([&] { print_log(level, "%s", message.c_str()); })) << level;
+        testing::internal::CaptureStderr();
+        print_log(level, "%s", message.c_str());
+        EXPECT_EQ(shown, testing::internal::GetCapturedStderr()) << level;
     }
     verbose_level = 0;
 }

@@ -21,7 +21,6 @@
 #include "common/device_paths.h"
 #include "common/print_log.h"
 #include "registry/svc_info_map.h"
-#include "stderr_capture.h"
 
 namespace {
 
@@ -117,8 +116,10 @@ struct registry_test : testing::Test {
 TEST_F(registry_test, SecondAddOfANameIsLoggedAsSuch) {
     add("a", "10.0.0.1");
     verbose_level = WARN;
+    testing::internal::CaptureStderr();
+    add("a", "10.0.0.1");
     EXPECT_EQ("Already exists, check content : a\n    Identical content, do nothing\n",
-              stderr_of([] { add("a", "10.0.0.1"); }));
+              testing::internal::GetCapturedStderr());
 }
 
 // What start-up loads, shutdown writes back.
