@@ -1,16 +1,17 @@
-// handler_body_fuzz.cpp - fuzz target for the request handlers, called with
-// a request object: requests separated by '\x1e'; a request's first byte
-// picks the operation, the rest is its body, and its fields (separated by
-// '\x1f') are the arguments "method" and "name" (after the path, for a
-// path of its own). The registry is emptied before every input. Checked: a
-// JSON reply is 200 "application/json" with an integer "return" among the
-// handler's codes, a web path gets 200, 302 or 404, and a register that
-// succeeded left name, ip and port as the 32-byte buffers cut them.
+// handler_body_fuzz.cpp - fuzz target for the request handlers: requests
+// separated by '\x1e'; the first byte picks the operation, the rest is the
+// body, its fields (separated by '\x1f') the arguments "method" and "name"
+// (after the path, for an operation without one). Checked: a JSON reply is
+// 200 "application/json" with an integer "return" among the handlers'
+// codes; a web path gets 200, 302 or 404; a register that succeeded left
+// name, ip and port as the handlers' 32-byte buffers cut them.
 #include <json-c/json.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -24,11 +25,9 @@
 namespace {
 
 using fields = std::vector<std::string>;
-const std::vector<int> SVCMGR = {SVC_INFO_OK, SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                                 SVC_INFO_EMPTY_NAME};
-const std::vector<int> SVCMON = {SVCMON_OK, SVCMON_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                                 SVCMON_BAD_PATH, SVCMON_HISTORY_FAILED, SVCMON_NO_NAME};
-const std::vector<int> SERVICES = {SERVICES_STARTED, SERVICES_UNKNOWN_METHOD};
+const std::vector<int> RESULTS = {SVC_INFO_OK,     SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
+                                  SVC_INFO_EMPTY_NAME, SVCMON_BAD_PATH,    SVCMON_HISTORY_FAILED,
+                                  SVCMON_NO_NAME};
 constexpr const char SVCMGR_PATH[] = "/managerService/svcmgr";
 constexpr const char SVCMON_PATH[] = "/managerService/svcmon";
 constexpr const char SERVICES_PATH[] = "/managerService/services";
@@ -40,27 +39,23 @@ const struct operation {
     const char* method;
     const char* path;  // null: the first field
     decltype(&proc_svcmgr_get) handle;
-    const std::vector<int>& results;
     std::vector<const char*> members;
 } OPERATIONS[] = {
-    {"GET", SVCMGR_PATH, proc_svcmgr_get, SVCMGR, {}},
-    {"POST", SVCMGR_PATH, proc_svcmgr_post, SVCMGR, {}},
-    {"DELETE", SVCMGR_PATH, proc_svcmgr_delete, SVCMGR, {}},
-    {"GET", SVCMON_PATH, proc_svcmon_get, SVCMON, {}},
-    {"GET", nullptr, proc_svcmon_get, SVCMON, {}},
-    {"POST", SERVICES_PATH, proc_services_post, SERVICES, {}},
-    {"POST", SVCMGR_PATH, proc_svcmgr_post, SVCMGR, {"name", "ip", "port"}},
-    {"POST", SERVICES_PATH, proc_services_post, SERVICES, {"method"}},
+    {"GET", SVCMGR_PATH, proc_svcmgr_get, {}},
+    {"POST", SVCMGR_PATH, proc_svcmgr_post, {}},
+    {"DELETE", SVCMGR_PATH, proc_svcmgr_delete, {}},
+    {"GET", SVCMON_PATH, proc_svcmon_get, {}},
+    {"GET", nullptr, proc_svcmon_get, {}},
+    {"POST", SERVICES_PATH, proc_services_post, {}},
+    {"POST", SVCMGR_PATH, proc_svcmgr_post, {"name", "ip", "port"}},
+    {"POST", SERVICES_PATH, proc_services_post, {"method"}},
 };
 
 fields split(const std::string& text, char separator) {
-    fields parts(1);
-    for (char c : text) {
-        if (c == separator) {
-            parts.emplace_back();
-        } else {
-            parts.back().push_back(c);
-        }
+    fields parts;
+    std::istringstream stream(text + separator);  // an empty last part counts too
+    for (std::string part; std::getline(stream, part, separator);) {
+        parts.push_back(part);
     }
     return parts;
 }
@@ -80,8 +75,9 @@ std::string json_body(const fields& parts, const std::vector<const char*>& names
     return text;
 }
 
-// Checks a JSON reply with one of `results` as its "return", and gives it.
-int checked_return(const httpserver::http_response& reply, const std::vector<int>& results) {
+// Checks a JSON reply with one of the handlers' codes as its "return", and
+// gives that.
+int checked_return(const httpserver::http_response& reply) {
     const std::string body = fuzz_reply_body(reply);
     json_object* parsed = json_tokener_parse(body.c_str());
     json_object* result = nullptr;
@@ -89,7 +85,7 @@ int checked_return(const httpserver::http_response& reply, const std::vector<int
                          json_object_is_type(result, json_type_int);
     const int value = json_object_get_int(result);
     json_object_put(parsed);
-    fuzz_check(has_int && std::count(results.begin(), results.end(), value) == 1 &&
+    fuzz_check(has_int && std::count(RESULTS.begin(), RESULTS.end(), value) == 1 &&
                    reply.get_response_code() == HTTP_STATUS_OK &&
                    reply.get_header("Content-Type") == JSON_CONTENT_TYPE, "JSON reply", body);
     return value;
@@ -123,7 +119,7 @@ void run_request(const operation& op, const std::string& rest) {
         return;
     }
     svc_info stored;
-    const bool registered = checked_return(*reply, op.results) == SVC_INFO_OK &&
+    const bool registered = checked_return(*reply) == SVC_INFO_OK &&
                             op.handle == proc_svcmgr_post && !op.members.empty();
     fuzz_check(!registered ||
                    (svc_info_get(kept(parts, 0), stored) == SVC_INFO_OK &&

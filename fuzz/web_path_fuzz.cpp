@@ -1,12 +1,8 @@
-// web_path_fuzz.cpp - fuzz target for the monitor's web-page path mapping:
-// the first byte picks the home path (with and without a final "/", a
-// doubled "/", a subdirectory), the rest is the path after the web prefix.
-// The home directory, made at start: pages, a subdirectory, a FIFO,
-// symlinks that stay inside and that lead out, files beside and outside.
-// Checked: 302 exactly for the bare prefix and the prefix with "/"; 200
-// only for a file whose real path lies inside the real home directory,
-// with its bytes as the body; else 404, and never for a regular file inside
-// the home reached without a ".." segment.
+// web_path_fuzz.cpp - fuzz target for the monitor's web-page paths: the
+// first byte picks the home path, the rest follows the web prefix. Checked:
+// 302 exactly for the bare prefix (and "/"); 200 only for a file whose real
+// path lies inside the real home, with its bytes; else 404, and never for a
+// regular file inside the home reached without a ".." segment.
 #include <sys/stat.h>
 
 #include <climits>

@@ -65,7 +65,8 @@ TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     args.args["k/ "] = "aZ09-._~&=\xC3\xA9";
     for (const auto& [host, port, path, expected] : cases) {
         std::string url;
-        EXPECT_EQ(ssci_build_url(host, port, path, &args, url) == SSCI_OK, !expected.empty());
+        const int result = expected.empty() ? SSCI_ERR_ARGUMENT : SSCI_OK;
+        EXPECT_EQ(ssci_build_url(host, port, path, &args, url), result) << host;
         EXPECT_EQ(url, expected) << host;
     }
 }
@@ -100,8 +101,6 @@ TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
     char url[HTTP_GET_URL_SIZE];
     ASSERT_EQ(build_get_url("10.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
     EXPECT_STREQ(url, "10.0.0.7:7/name/svcmon?a=1");
-    ASSERT_EQ(build_get_url("abcdefghijklmnopqrstuvwxyz0123456789", 7, "/", "", url), HTTP_GET_OK);
-    EXPECT_STREQ(url, "abcdefghijklmnopqrstuvwxyz0123//");
     const std::string path(500, 'p');  // 1 + 500 + 90 + 433 = 1024 fits
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(433, 'q').c_str(), url), HTTP_GET_OK);
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url),
@@ -115,7 +114,6 @@ TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
     const std::string limit = OK_HEAD + std::string(HTTP_GET_MAX_REPLY, 'b');
     const std::tuple<const char*, std::vector<std::string>, long long, bool> cases[] = {
         {"dict://127.0.0.1", {}, HTTP_GET_TRANSFER_FAILED, false},
-        {"gopher://127.0.0.1", {}, HTTP_GET_TRANSFER_FAILED, false},
         {"127.0.0.1", {limit}, HTTP_GET_OK, false},
         {"127.0.0.1", {limit + "b"}, HTTP_GET_TRANSFER_FAILED, false},
         {"127.0.0.1", {}, HTTP_GET_TRANSFER_FAILED, true},
