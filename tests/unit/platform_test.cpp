@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <regex>
@@ -49,11 +50,14 @@ void poll_until(Condition condition) {
 class Platform : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char dir[] = "/tmp/platform_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        ASSERT_EQ(chdir(dir), 0);
+        char made[] = "/tmp/platform_test.XXXXXX";
+        ASSERT_NE(mkdtemp(made), nullptr);
+        ASSERT_EQ(chdir(made), 0);
+        dir = made;
         diagnosis_set_crash_log("crash/crash.log");
     }
+    static void TearDownTestSuite() { std::filesystem::remove_all(dir); }
+    static inline std::string dir;  // this suite's working directory
 };
 using PlatformDeathTest = Platform;
 
