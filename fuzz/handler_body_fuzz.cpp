@@ -1,37 +1,22 @@
-// handler_body_fuzz.cpp - fuzz target for the request handlers, called
-// directly with a request object (no server): the service manager's GET,
-// POST and DELETE, the monitor's GET (methods and any path), and the
-// service-control POST. The system-state relay is left out: it only makes
-// a network call.
-//
-// Input: requests separated by RECORD_SEPARATOR. The first byte of a
-// request picks the operation (table below); the rest is its body, or its
-// fields separated by FIELD_SEPARATOR. The registry is emptied before
-// every input, so one input is one reproducible sequence of requests.
-//
-// Checked for every JSON reply: status 200, "application/json", a JSON
-// object with an integer "return" among the handler's own result codes;
-// for a register that succeeded, the registry holds the name, ip and port
-// as the handlers' 32-byte buffers cut them. Web-page paths may also get
-// 302 or 404.
-//
-// Runs inside the sandbox in a network namespace of its own (fuzz.sh), so
-// get_history fails at once whatever address a service registered, and
-// never reaches another host. Every recognised service-control request
-// starts a real worker thread; the init scripts do not exist in the
-// sandbox, so the shell fails harmlessly, and the target waits until the
-// worker has ended.
-#include <dirent.h>
-#include <time.h>
+// handler_body_fuzz.cpp - fuzz target for the request handlers: requests
+// separated by '\x1e'; the first byte picks the operation, the rest is the
+// body, its fields (separated by '\x1f') the arguments "method" and "name"
+// (after the path, for an operation without one). Checked: a JSON reply is
+// 200 "application/json" with an integer "return" among the handlers'
+// codes; a web path gets 200, 302 or 404; a register that succeeded left
+// name, ip and port as the handlers' 32-byte buffers cut them.
+#include <json-c/json.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <string>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <thread>
 #include <vector>
 
 #include "control/services_handler.h"
+#include "endpoints/ssci_response.h"
 #include "fuzz/fuzz_support.h"
 #include "monitor/svcmon_handler.h"
 #include "registry/svc_info_map.h"
@@ -39,222 +24,126 @@
 
 namespace {
 
-constexpr char RECORD_SEPARATOR = '\x1e';
-constexpr char FIELD_SEPARATOR = '\x1f';
+using fields = std::vector<std::string>;
+const std::vector<int> RESULTS = {SVC_INFO_OK,     SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
+                                  SVC_INFO_EMPTY_NAME, SVCMON_BAD_PATH,    SVCMON_HISTORY_FAILED,
+                                  SVCMON_NO_NAME};
 constexpr const char SVCMGR_PATH[] = "/managerService/svcmgr";
 constexpr const char SVCMON_PATH[] = "/managerService/svcmon";
 constexpr const char SERVICES_PATH[] = "/managerService/services";
-constexpr std::size_t HANDLER_TEXT_SIZE = 32;
-// A service-control worker only runs a missing script; it must be gone
-// well within this bound.
-constexpr auto WORKER_END_LIMIT = std::chrono::seconds(10);
-constexpr long WORKER_POLL_NANOSECONDS = 1000000;
 
-using fields = std::vector<std::string>;
-
-// The field at `index`, or the empty text.
-std::string field(const fields& parts, std::size_t index) {
-    return index < parts.size() ? parts[index] : std::string();
-}
-
-// "method" and "name" from the first fields; a field that is absent is
-// absent from the arguments too.
-httpserver::arg_map method_and_name(const fields& parts, std::size_t first) {
-    httpserver::arg_map args;
-    if (parts.size() > first) {
-        args["method"] = parts[first];
-    }
-    if (parts.size() > first + 1) {
-        args["name"] = parts[first + 1];
-    }
-    return args;
-}
-
-httpserver::http_request make_request(const char* method, const std::string& path,
-                                      httpserver::arg_map args, const std::string& body) {
-    return httpserver::http_request(method, path, std::move(args), httpserver::header_map(),
-                                    body);
-}
-
-// What the handlers' 32-byte text buffers keep of a value.
-std::string as_handler_text(const std::string& value) {
-    std::string text(value.c_str());
-    return text.substr(0, HANDLER_TEXT_SIZE - 1);
-}
-
-int thread_count() {
-    DIR* tasks = opendir("/proc/self/task");
-    fuzz_check(tasks != nullptr, "cannot list /proc/self/task");
-    int count = 0;
-    while (readdir(tasks) != nullptr) {
-        count++;
-    }
-    closedir(tasks);
-    return count;
-}
-
-// Polls until the process is back to `threads` threads.
-void wait_for_workers(int threads) {
-    auto deadline = std::chrono::steady_clock::now() + WORKER_END_LIMIT;
-    while (thread_count() > threads) {
-        fuzz_check(std::chrono::steady_clock::now() < deadline,
-                   "a service-control worker thread did not end");
-        struct timespec pause = {0, WORKER_POLL_NANOSECONDS};
-        nanosleep(&pause, nullptr);
-    }
-}
-
-void svcmgr_get(const std::string&, const fields& parts) {
-    fuzz_check_json_reply(proc_svcmgr_get(make_request("GET", SVCMGR_PATH,
-                                                       method_and_name(parts, 0), "")),
-                          {SVC_INFO_OK, SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                           SVC_INFO_EMPTY_NAME});
-}
-
-int svcmgr_post_body(const std::string& body) {
-    return fuzz_check_json_reply(
-        proc_svcmgr_post(make_request("POST", SVCMGR_PATH, {}, body)),
-        {SVC_INFO_OK, SVCMGR_UNKNOWN_METHOD, SVC_INFO_EMPTY_NAME});
-}
-
-void svcmgr_post(const std::string& rest, const fields&) { svcmgr_post_body(rest); }
-
-void svcmgr_delete(const std::string&, const fields& parts) {
-    fuzz_check_json_reply(proc_svcmgr_delete(make_request("DELETE", SVCMGR_PATH,
-                                                          method_and_name(parts, 0), "")),
-                          {SVC_INFO_OK, SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                           SVC_INFO_EMPTY_NAME});
-}
-
-void check_monitor_reply(const std::string& path,
-                         const std::shared_ptr<httpserver::http_response>& reply) {
-    if (path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
-        int status = reply->get_response_code();
-        fuzz_check(status == 200 || status == 302 || status == 404, "web page status", path);
-        return;
-    }
-    fuzz_check_json_reply(reply, {SVCMON_OK, SVCMON_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                                  SVCMON_BAD_PATH, SVCMON_HISTORY_FAILED, SVCMON_NO_NAME});
-}
-
-void svcmon_get(const std::string&, const fields& parts) {
-    check_monitor_reply(SVCMON_PATH, proc_svcmon_get(make_request(
-                                         "GET", SVCMON_PATH, method_and_name(parts, 0), "")));
-}
-
-void svcmon_get_any_path(const std::string&, const fields& parts) {
-    std::string path = field(parts, 0);
-    check_monitor_reply(path, proc_svcmon_get(make_request("GET", path,
-                                                           method_and_name(parts, 1), "")));
-}
-
-void services_post_body(const std::string& body) {
-    int threads = thread_count();
-    int result = fuzz_check_json_reply(
-        proc_services_post(make_request("POST", SERVICES_PATH, {}, body)),
-        {SERVICES_STARTED, SERVICES_UNKNOWN_METHOD});
-    if (result == SERVICES_STARTED) {
-        wait_for_workers(threads);
-    }
-}
-
-void services_post(const std::string& rest, const fields&) { services_post_body(rest); }
-
-// A register body made from raw fields (name, ip, port text), so that any
-// bytes reach the registry as a name or address.
-void structured_register(const std::string&, const fields& parts) {
-    std::string name = field(parts, 0);
-    std::string ip = field(parts, 1);
-    int port = atoi(field(parts, 2).c_str());
-    json_object* body = json_object_new_object();
-    json_object_object_add(body, "method", json_object_new_string("register"));
-    json_object_object_add(body, "name", json_object_new_string_len(name.data(), name.size()));
-    json_object_object_add(body, "ip", json_object_new_string_len(ip.data(), ip.size()));
-    json_object_object_add(body, "port", json_object_new_int(port));
-    std::string text = json_object_to_json_string(body);
-    json_object_put(body);
-    if (svcmgr_post_body(text) != SVC_INFO_OK) {
-        return;
-    }
-    svc_info stored;
-    fuzz_check(svc_info_get(as_handler_text(name), stored) == SVC_INFO_OK,
-               "registered name not found", text);
-    fuzz_check(stored.ip == as_handler_text(ip) && stored.port == port,
-               "registered address differs", text);
-}
-
-// A service-control body whose "method" is the raw first field.
-void structured_services(const std::string&, const fields& parts) {
-    std::string method = field(parts, 0);
-    json_object* body = json_object_new_object();
-    json_object_object_add(body, "method",
-                           json_object_new_string_len(method.data(), method.size()));
-    std::string text = json_object_to_json_string(body);
-    json_object_put(body);
-    services_post_body(text);
-}
-
-struct operation {
-    void (*run)(const std::string& rest, const fields& parts);
-};
-
-// Picked by the first byte of a request, modulo the table's size.
-const operation OPERATIONS[] = {
-    {svcmgr_get},    {svcmgr_post},         {svcmgr_delete},       {svcmon_get},
-    {svcmon_get_any_path}, {services_post}, {structured_register}, {structured_services},
+// Picked by a request's first byte, modulo the table's size. The last two
+// send the fields as JSON members, so that any bytes reach the registry
+// and the action table.
+const struct operation {
+    const char* method;
+    const char* path;  // null: the first field
+    decltype(&proc_svcmgr_get) handle;
+    std::vector<const char*> members;
+} OPERATIONS[] = {
+    {"GET", SVCMGR_PATH, proc_svcmgr_get, {}},
+    {"POST", SVCMGR_PATH, proc_svcmgr_post, {}},
+    {"DELETE", SVCMGR_PATH, proc_svcmgr_delete, {}},
+    {"GET", SVCMON_PATH, proc_svcmon_get, {}},
+    {"GET", nullptr, proc_svcmon_get, {}},
+    {"POST", SERVICES_PATH, proc_services_post, {}},
+    {"POST", SVCMGR_PATH, proc_svcmgr_post, {"name", "ip", "port"}},
+    {"POST", SERVICES_PATH, proc_services_post, {"method"}},
 };
 
 fields split(const std::string& text, char separator) {
     fields parts;
-    std::size_t start = 0;
-    for (;;) {
-        std::size_t end = text.find(separator, start);
-        parts.push_back(text.substr(start, end == std::string::npos ? end : end - start));
-        if (end == std::string::npos) {
-            return parts;
-        }
-        start = end + 1;
+    std::istringstream stream(text + separator);  // an empty last part counts too
+    for (std::string part; std::getline(stream, part, separator);) {
+        parts.push_back(part);
     }
+    return parts;
 }
 
-void run_request(const std::string& request) {
-    if (request.empty()) {
+// {"method": "register"} with the fields as the members named (a "method"
+// among them replaces that one, a "port" is an integer).
+std::string json_body(const fields& parts, const std::vector<const char*>& names) {
+    json_object* body = json_object_new_object();
+    json_object_object_add(body, "method", json_object_new_string("register"));
+    for (std::size_t i = 0; i < names.size() && i < parts.size(); ++i) {
+        json_object_object_add(body, names[i], strcmp(names[i], "port") == 0
+            ? json_object_new_int(atoi(parts[i].c_str()))
+            : json_object_new_string_len(parts[i].data(), static_cast<int>(parts[i].size())));
+    }
+    std::string text = json_object_to_json_string(body);
+    json_object_put(body);
+    return text;
+}
+
+// Checks a JSON reply with one of the handlers' codes as its "return", and
+// gives that.
+int checked_return(const httpserver::http_response& reply) {
+    const std::string body = fuzz_reply_body(reply);
+    json_object* parsed = json_tokener_parse(body.c_str());
+    json_object* result = nullptr;
+    const bool has_int = json_object_object_get_ex(parsed, RETURN_MEMBER, &result) &&
+                         json_object_is_type(result, json_type_int);
+    const int value = json_object_get_int(result);
+    json_object_put(parsed);
+    fuzz_check(has_int && std::count(RESULTS.begin(), RESULTS.end(), value) == 1 &&
+                   reply.get_response_code() == HTTP_STATUS_OK &&
+                   reply.get_header("Content-Type") == JSON_CONTENT_TYPE, "JSON reply", body);
+    return value;
+}
+
+std::string field(const fields& parts, std::size_t index) {
+    return index < parts.size() ? parts[index] : "";
+}
+
+// What the handlers' 32-byte text buffers keep of a field.
+std::string kept(const fields& parts, std::size_t index) {
+    return std::string(field(parts, index).c_str()).substr(0, 31);
+}
+
+std::ptrdiff_t thread_count() {
+    std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+}
+
+void run_request(const operation& op, const std::string& rest) {
+    const fields parts = split(rest, '\x1f');
+    const std::size_t first = op.path == nullptr ? 1 : 0;
+    const std::string path = op.path == nullptr ? parts[0] : op.path;
+    const std::ptrdiff_t threads = op.handle == proc_services_post ? thread_count() : 0;
+    const auto reply = op.handle(httpserver::http_request(
+        op.method, path, {{"method", field(parts, first)}, {"name", field(parts, first + 1)}}, {},
+        op.members.empty() ? rest : json_body(parts, op.members)));
+    if (path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
+        const int status = reply->get_response_code();
+        fuzz_check(status == 200 || status == 302 || status == 404, "web page status", path);
         return;
     }
-    const operation& chosen =
-        OPERATIONS[static_cast<unsigned char>(request[0]) % (sizeof OPERATIONS / sizeof OPERATIONS[0])];
-    std::string rest = request.substr(1);
-    chosen.run(rest, split(rest, FIELD_SEPARATOR));
-}
-
-// The network namespace that fuzz.sh gives the target has nothing but an
-// interface "lo" that is down; refuse to run where another host could be
-// reached.
-void require_isolated_network() {
-    FILE* devices = fopen("/proc/net/dev", "r");
-    fuzz_check(devices != nullptr, "cannot read /proc/net/dev");
-    char line[256];
-    int interfaces = 0;
-    while (fgets(line, sizeof line, devices) != nullptr) {
-        interfaces += strchr(line, ':') != nullptr ? 1 : 0;
+    svc_info stored;
+    const bool registered = checked_return(*reply) == SVC_INFO_OK &&
+                            op.handle == proc_svcmgr_post && !op.members.empty();
+    fuzz_check(!registered ||
+                   (svc_info_get(kept(parts, 0), stored) == SVC_INFO_OK &&
+                    stored.ip == kept(parts, 1) &&
+                    stored.port == atoi(field(parts, 2).c_str())),
+               "registered entry differs", rest);
+    // A service-control worker only runs a missing init script (sandbox).
+    for (int polls = 0; threads > 0 && thread_count() > threads; ++polls) {
+        fuzz_check(polls < 10000, "a service-control worker did not end");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    fclose(devices);
-    fuzz_check(interfaces <= 1, "not in a network namespace of its own: run through fuzz.sh");
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_start_up();
-    require_isolated_network();
-    return 0;
-}
+void fuzz_set_up() {}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     svc_info_destroy();
-    std::string input(reinterpret_cast<const char*>(data), size);
-    for (const std::string& request : split(input, RECORD_SEPARATOR)) {
-        run_request(request);
+    for (const std::string& request : split(std::string(data, data + size), '\x1e')) {
+        if (!request.empty()) {
+            run_request(OPERATIONS[static_cast<unsigned char>(request[0]) % std::size(OPERATIONS)],
+                         request.substr(1));
+        }
     }
     return 0;
 }

@@ -2,7 +2,7 @@
 # The device check: builds the device build of manager_svc (linked with
 # the static minimal libraries of scripts/device-deps.sh) and its unit tests
 # for 32-bit ARM (armhf), runs the unit tests under qemu-arm inside the
-# overlay sandbox, runs the two HTTP clients' unit tests once more against
+# overlay sandbox, runs the two HTTP clients' unit test once more against
 # Debian's shared libraries (so both link choices are held to the same
 # behaviour), starts the armhf daemon under qemu and does one register /
 # get_info / unregister round trip over loopback, reports the device
@@ -22,7 +22,7 @@ set -eu
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${MANAGER_SVC_ARMHF_BUILD:-$REPO/build-armhf}
 SHARED_BUILD=$BUILD-shared
-CLIENT_TESTS="http_get_client_test ssci_client_test"
+CLIENT_TESTS="http_clients_test"
 SANDBOX_RUN=$REPO/tests/sandbox/sandbox_run.sh
 SIZE_BUDGET=1048576
 TRIPLET=arm-linux-gnueabihf
@@ -74,7 +74,7 @@ shared_library_clients() {
         { cat "$BUILD/configure-shared.log" >&2; fail "configure with shared libraries"; }
     # shellcheck disable=SC2086 # a list of targets
     cmake --build "$SHARED_BUILD" -j2 --target $CLIENT_TESTS || fail "build with shared libraries"
-    ctest --test-dir "$SHARED_BUILD" -R 'unit\.(http_get_client|ssci_client)_test$' -j2 \
+    ctest --test-dir "$SHARED_BUILD" -R 'unit\.http_clients_test$' -j2 \
         --output-on-failure || fail "client unit tests with shared libraries under qemu-arm"
     say "client unit tests with shared libraries took $(elapsed "$t0")"
 }

@@ -1,0 +1,133 @@
+// The two outbound HTTP clients against a loopback peer: the service-bus
+// client (URL building, host-name characters, look-up, reply bound) and the
+// monitor's GET client (URL building, plain HTTP only, time and reply bounds).
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <string>
+#include <tuple>
+#include <thread>
+#include <vector>
+
+#include "monitor/http_get_client.h"
+#include "platform/ssci_client.h"
+
+namespace {
+
+const std::string OK_HEAD = "HTTP/1.0 200 OK\r\n\r\n";
+
+// A loopback listener that accepts nothing unless told to answer.
+struct loopback_peer {
+    loopback_peer() {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+        listen(fd, 8);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+    }
+    ~loopback_peer() { close(fd); }
+    bool connection_pending() const {
+        pollfd listener{fd, POLLIN, 0};
+        return poll(&listener, 1, 0) == 1;
+    }
+    // Answers the next connections, one answer each, after reading the
+    // request's first segment; gives up when none comes for a while.
+    std::thread answer(std::vector<std::string> answers) const {
+        return std::thread([this, answers] {
+            for (const std::string& text : answers) {
+                char request[4096];
+                pollfd listener{fd, POLLIN, 0};
+                const bool came = poll(&listener, 1, 5000) == 1;
+                const int client = came ? accept(fd, nullptr, nullptr) : -1;
+                recv(client, request, sizeof request, 0);
+                send(client, text.data(), text.size(), MSG_NOSIGNAL);
+                close(client);
+            }
+        });
+    }
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port = 0;
+};
+
+TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
+    const std::string query = "?k%2F%20=aZ09-._~%26%3D%C3%A9";
+    const std::tuple<const char*, int, const char*, std::string> cases[] = {
+        {"127.0.0.1", 8080, "/a", "http://127.0.0.1:8080/a" + query},
+        {"fe80::1", 1, "/", "http://[fe80::1]:1/" + query},
+        {"dev-1.Local", 65535, "/p", "http://dev-1.Local:65535/p" + query},
+        {"", 80, "/", ""}, {"a/b", 80, "/", ""}, {"h:8", 80, "/", ""}, {"h_1", 80, "/", ""},
+        {"a b", 80, "/", ""}, {"h", 0, "/", ""}, {"h", 65536, "/", ""}, {"h", 80, "x", ""},
+    };
+    query_object args;
+    args.args["k/ "] = "aZ09-._~&=\xC3\xA9";
+    for (const auto& [host, port, path, expected] : cases) {
+        std::string url;
+        const int result = expected.empty() ? SSCI_ERR_ARGUMENT : SSCI_OK;
+        EXPECT_EQ(ssci_build_url(host, port, path, &args, url), result) << host;
+        EXPECT_EQ(url, expected) << host;
+    }
+}
+
+// The name server is asked first, then the service at the address it gave.
+TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
+    loopback_peer peer;
+    const std::string found = OK_HEAD + R"({"return": 0, "ip": "127.0.0.1", "port": )" +
+                              std::to_string(peer.port) + "}";
+    const std::string limit(SSCI_REPLY_LIMIT, 'b');
+    const std::tuple<std::vector<std::string>, int, std::size_t> cases[] = {
+        {{found, OK_HEAD + limit}, SSCI_OK, SSCI_REPLY_LIMIT},
+        {{found, OK_HEAD + limit + "b"}, SSCI_ERR_TOO_LARGE, 0},
+        {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, SSCI_ERR_STATUS, 0},
+        {{OK_HEAD + R"({"return": -2})"}, SSCI_ERR_NOT_FOUND, 0},
+        {{OK_HEAD + R"({"return": 0, "ip": "1.2.3.4/x?", "port": 80})"}, SSCI_ERR_ARGUMENT, 0},
+    };
+    ssci_nameserver_init("localhost", peer.port);
+    for (const auto& [answers, result, size] : cases) {
+        std::thread answering = peer.answer(answers);
+        std::string body = "stale";
+        EXPECT_EQ(ssci_GET_request("svc", "/x", nullptr, body, 5, false, 0, nullptr), result);
+        answering.join();
+        EXPECT_EQ(body.size(), size);
+    }
+    std::string body;  // a silent name server and no time limit: one second
+    EXPECT_EQ(ssci_GET_request("svc", "/x", nullptr, body, 0, false, 0, nullptr),
+              SSCI_ERR_TRANSPORT);
+}
+
+TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
+    char url[HTTP_GET_URL_SIZE];
+    ASSERT_EQ(build_get_url("10.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
+    EXPECT_STREQ(url, "10.0.0.7:7/name/svcmon?a=1");
+    const std::string path(500, 'p');  // 1 + 500 + 90 + 433 = 1024 fits
+    EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(433, 'q').c_str(), url), HTTP_GET_OK);
+    EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url),
+              HTTP_GET_TOO_LONG);
+}
+
+// Another scheme in a registered address never makes the client speak it;
+// a silent peer costs at most the time bound; a reply past its bound fails.
+TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
+    loopback_peer peer;
+    const std::string limit = OK_HEAD + std::string(HTTP_GET_MAX_REPLY, 'b');
+    const std::tuple<const char*, std::vector<std::string>, long long, bool> cases[] = {
+        {"dict://127.0.0.1", {}, HTTP_GET_TRANSFER_FAILED, false},
+        {"127.0.0.1", {limit}, HTTP_GET_OK, false},
+        {"127.0.0.1", {limit + "b"}, HTTP_GET_TRANSFER_FAILED, false},
+        {"127.0.0.1", {}, HTTP_GET_TRANSFER_FAILED, true},
+    };
+    for (const auto& [host, answers, result, connected] : cases) {
+        std::thread answering = peer.answer(answers);
+        std::string response;
+        EXPECT_EQ(do_curl_GET_request(host, peer.port, "/x", "q=1", &response), result) << host;
+        answering.join();
+        if (result == HTTP_GET_OK) {
+            EXPECT_EQ(response.size(), HTTP_GET_MAX_REPLY);
+        }
+        EXPECT_EQ(peer.connection_pending(), connected) << host;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,212 @@
+// The device libraries' stand-ins and the server's parts: debug log, crash
+// handler, utility helpers, relay pool, connection guard, request/response
+// layer and resource table. Files go to a fresh working directory.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "platform/common_http_resource.h"
+#include "platform/connection_guard.h"
+#include "platform/diagnosis.h"
+#include "platform/dlog.h"
+#include "platform/relay_pool.h"
+#include "platform/utils.h"
+
+namespace {
+
+std::string contents_of(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// Now as strftime's `format` gives it, in local time or UTC (gmtime_r).
+std::string now_as(const char* format, struct tm* (*convert)(const time_t*, struct tm*)) {
+    const time_t now = time(nullptr);
+    struct tm parts;
+    char text[32];
+    strftime(text, sizeof text, format, convert(&now, &parts));
+    return text;
+}
+
+template <typename Condition>
+void poll_until(Condition condition) {
+    for (int polls = 0; polls < 3000 && !condition(); ++polls) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+class Platform : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        char made[] = "/tmp/platform_test.XXXXXX";
+        ASSERT_NE(mkdtemp(made), nullptr);
+        ASSERT_EQ(chdir(made), 0);
+        dir = made;
+        diagnosis_set_crash_log("crash/crash.log");
+    }
+    static void TearDownTestSuite() { std::filesystem::remove_all(dir); }
+    static inline std::string dir;  // this suite's working directory
+};
+using PlatformDeathTest = Platform;
+
+TEST_F(Platform, DebugLogWritesOneStampedRecordPerCallMakingItsDirectories) {
+    const std::string before = now_as("%F %T", localtime_r);
+    ASSERT_EQ(log_File_Debug_s("a/b/debug.log", 1 << 20, "first %d", 1), 0);
+    const std::string after = now_as("%F %T", localtime_r);
+    const std::string text = contents_of("a/b/debug.log"), stamp = text.substr(0, before.size());
+    EXPECT_TRUE(stamp == before || stamp == after) << text;
+    EXPECT_TRUE(std::regex_match(text.substr(stamp.size()),
+                                 std::regex("\\.[0-9]{3} platform_test\\[" +
+                                            std::to_string(getpid()) + "\\]: first 1\n")));
+    ASSERT_EQ(close(creat("file", 0644)), 0);
+    EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -1);
+}
+
+TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
+    log_File_Debug_s("debug.log", 1 << 20, "record 1");
+    const int record = static_cast<int>(contents_of("debug.log").size());
+    log_File_Debug_s("debug.log", 2 * record, "record 2");  // fills the limit exactly
+    log_File_Debug_s("debug.log", 2 * record, "record 3");
+    EXPECT_EQ(contents_of("debug.log.1").find("record 2\n"), 2 * record - 9u);
+    EXPECT_EQ(contents_of("debug.log").find("record 3\n"), record - 9u);
+}
+
+TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
+    GTEST_FLAG_SET(death_test_style, "fast");  // the child keeps the working directory
+    const std::pair<int, const char*> cases[] = {{SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}};
+    for (const auto& [sig, name] : cases) {
+        const std::size_t before = contents_of("crash/crash.log").size();
+        const std::string date = now_as("%F", gmtime_r);
+        EXPECT_EXIT((diagnosis_com_install_siganl_handler(sig, "crash_prog", nullptr), raise(sig)),
+                    ::testing::KilledBySignal(sig), "");
+        const std::string record = contents_of("crash/crash.log").substr(before);
+        EXPECT_TRUE(std::regex_search(
+            record, std::regex("^(" + date + "|" + now_as("%F", gmtime_r) +
+                               ") [0-9:]{8} UTC crash_prog\\[[0-9]+\\]: crash: signal " +
+                               std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}")))
+            << record;
+        EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
+    }
+}
+
+volatile sig_atomic_t caught_signal = 0;
+
+TEST_F(Platform, CrashHandlerLibraryInstallsTheCallersOwnHandler) {
+    const diagnosis_handler own = [](int sig) { caught_signal = sig; };
+    ASSERT_EQ(diagnosis_com_install_siganl_handler(SIGUSR1, "own", own), 0);
+    raise(SIGUSR1);
+    EXPECT_EQ(caught_signal, SIGUSR1);
+}
+
+// A daemon may have closed its standard input: descriptor 0 is then a
+// marker file's like any other.
+TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
+    EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
+    close(STDIN_FILENO);
+    std::ofstream("marker") << "kept";
+    EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -1);
+    EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
+}
+
+// Jobs that wait until the gate opens; refusals are counted on the
+// submitting thread (the test's) only.
+struct job_counts {
+    std::promise<void> gate;
+    std::shared_future<void> open = gate.get_future().share();
+    std::atomic<unsigned> running{0}, finished{0}, refused_here{0};
+    const std::thread::id submitter = std::this_thread::get_id();
+};
+
+struct gated_job : relay_job {
+    explicit gated_job(job_counts& counts) : counts(counts) {}
+    void run() override {
+        ++counts.running;
+        counts.open.wait();
+        ++counts.finished;
+    }
+    void refuse() override {
+        counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0;
+    }
+    job_counts& counts;
+};
+
+// Refused at once on the submitting thread: jobs past the queue, and
+// every job once the pool has stopped.
+TEST_F(Platform, RelayPoolRunsAtMostItsWorkersQueuesAtMostItsQueueAndIdleWorkersEnd) {
+    constexpr unsigned TOTAL = RELAY_POOL_WORKERS + RELAY_POOL_QUEUE + 3;
+    job_counts jobs;
+    const auto submit = [&jobs](unsigned count) {
+        for (unsigned i = 0; i < count; ++i) {
+            relay_pool_submit(std::make_unique<gated_job>(jobs));
+        }
+    };
+    relay_pool_start();
+    submit(TOTAL);
+    poll_until([&] { return jobs.running == RELAY_POOL_WORKERS; });
+    EXPECT_EQ(relay_pool_worker_count(), RELAY_POOL_WORKERS);
+    EXPECT_EQ(jobs.refused_here, 3u);
+    jobs.gate.set_value();
+    poll_until([&] { return jobs.finished + jobs.refused_here == TOTAL; });
+    poll_until([] { return relay_pool_worker_count() == 0; });
+    EXPECT_EQ(jobs.finished, RELAY_POOL_WORKERS + RELAY_POOL_QUEUE);
+    EXPECT_EQ(relay_pool_worker_count(), 0u);
+    relay_pool_stop();
+    submit(1);
+    EXPECT_EQ(jobs.refused_here, 4u);
+}
+
+// Past 7/8 of the limit, the connections that have waited longest for a
+// request are shut down, down to 3/4 of it; never one being handled.
+TEST_F(Platform, ConnectionGuardShutsTheLongestWaitingDownWhenTheLimitNears) {
+    constexpr unsigned LIMIT = 16, EVICT_ABOVE = LIMIT * 7 / 8, BUSY = EVICT_ABOVE - 3;
+    ASSERT_TRUE(connection_guard_start(LIMIT));
+    int pairs[EVICT_ABOVE + 1][2];
+    guarded_connection* guarded[EVICT_ABOVE + 1];
+    for (unsigned i = 0; i <= EVICT_ABOVE; ++i) {
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[i]), 0);
+        if (i == EVICT_ABOVE) {  // the newest has waited visibly less long
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        guarded[i] = connection_guard_opened(pairs[i][0]);
+        if (i < BUSY) {
+            connection_guard_request_received(guarded[i]);
+        }
+    }
+    for (unsigned i = 0; i <= EVICT_ABOVE; ++i) {
+        char byte;
+        const bool shut = recv(pairs[i][1], &byte, 1, MSG_DONTWAIT) == 0;
+        EXPECT_EQ(shut, i >= BUSY && i < EVICT_ABOVE) << i;
+        connection_guard_closed(guarded[i]);
+        close(pairs[i][0]);
+        close(pairs[i][1]);
+    }
+    connection_guard_stop();
+}
+
+const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
+    return std::make_shared<httpserver::string_response>();
+}
+
+TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
+    httpserver::string_response plain;
+    EXPECT_EQ(plain.get_response_code(), 200);
+    EXPECT_EQ(plain.get_header("content-TYPE"), "text/plain");
+    common_http_resource resource("/a/b", nullptr, reply, reply, nullptr);
+    EXPECT_EQ(resource.allowed_methods(), "POST, PUT");
+    EXPECT_EQ(find_http_resource("/a/b/c"), &resource);
+    EXPECT_EQ(find_http_resource("/a/bc"), nullptr);
+}
+
+}  // namespace
