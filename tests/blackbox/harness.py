@@ -78,7 +78,7 @@ class Sandbox:
         safe = "".join(c if c.isalnum() or c in "-_" else "_" for c in name)[:60]
         self.root = os.path.join(SANDBOX_ROOT, "blackbox", f"{safe}-{uuid.uuid4().hex[:8]}")
         self.upper = os.path.join(self.root, "upper")
-        os.makedirs(self.upper)
+        subprocess.run([SANDBOX_RUN, "--prepare", self.root], check=True)
         self.daemons = []
 
     def path(self, device_path):
@@ -103,10 +103,10 @@ class Sandbox:
 
     def read(self, device_path):
         """The file's bytes, or None when it is absent."""
-        if not self.exists(device_path):
-            return None
-        with open(self.path(device_path), "rb") as src:
-            return src.read()
+        if self.exists(device_path):
+            with open(self.path(device_path), "rb") as src:
+                return src.read()
+        return None
 
     def debug_log(self):
         return (self.read(DEBUG_LOG) or b"").decode("utf-8", "replace")
@@ -118,12 +118,10 @@ class Sandbox:
         return subprocess.run(self.command(args), stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=deadline(timeout))
 
-    def start(self, *args, port=None, add_port=True, nofile=None):
-        """Starts the daemon with "-p PORT" (a free port unless given);
-        `nofile` is its descriptor limit, soft or (soft, hard)."""
-        port = port or (free_port() if add_port else DEFAULT_PORT)
-        full = (["-p", port] if add_port else []) + list(args)
-        self.daemons.append(Daemon(self, [str(a) for a in full], port, nofile))
+    def start(self, *args, add_port=True, nofile=None):
+        """Starts the daemon with "-p PORT" (a free port) and args; `nofile`
+        is its (soft, hard) descriptor limit."""
+        self.daemons.append(Daemon(self, args, free_port() if add_port else None, nofile))
         return self.daemons[-1]
 
     def cleanup(self):
@@ -135,15 +133,14 @@ class Sandbox:
 class Daemon:
     """One run of the daemon in a sandbox; its console output in a file."""
 
-    def __init__(self, sandbox, args, port, nofile=None):
-        self.sandbox, self.port = sandbox, port
+    def __init__(self, sandbox, args, port, nofile):
+        self.sandbox, self.port = sandbox, port or DEFAULT_PORT
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
         self._stderr = open(self.stderr_path, "wb")
-        limits = nofile if isinstance(nofile, tuple) else (nofile, nofile)
         self.proc = subprocess.Popen(
-            sandbox.command(args), stdin=subprocess.DEVNULL, stdout=self._stderr,
-            stderr=self._stderr,
-            preexec_fn=(lambda: resource.setrlimit(resource.RLIMIT_NOFILE, limits)) if nofile else None)
+            sandbox.command((["-p", port] if port else []) + list(args)), stdin=subprocess.DEVNULL,
+            stdout=self._stderr, stderr=self._stderr,
+            preexec_fn=(lambda: resource.setrlimit(resource.RLIMIT_NOFILE, nofile)) if nofile else None)
         self.pid = self.proc.pid
 
     def alive(self):

@@ -60,31 +60,28 @@ class FakeMonitor(http.server.BaseHTTPRequestHandler):
     drops every connection, as a daemon that went away."""
     answers_left = len(REPLIES)
 
-    def log_message(self, *_):
-        pass
-
     def do_GET(self):
         url = urllib.parse.urlsplit(self.path)
-        if url.path == "/probe.html":
-            body, kind = PROBE, "text/html"
-        elif url.path.startswith(WEB + "/"):
+        method = urllib.parse.parse_qs(url.query).get("method", [""])[0]
+        if url.path.startswith(WEB + "/"):
             with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
-                body, kind = page.read(), "text/html"
-        elif FakeMonitor.answers_left > 0:
+                body = page.read()
+        elif method in REPLIES and FakeMonitor.answers_left > 0:
             FakeMonitor.answers_left -= 1
-            method = urllib.parse.parse_qs(url.query)["method"][0]
-            body, kind = json.dumps(REPLIES[method]).encode(), "application/json"
+            body = json.dumps(REPLIES[method]).encode()
+        elif url.path == "/probe.html":
+            body = PROBE
         else:
             self.close_connection = True
             return
         self.send_response(200)
-        self.send_header("Content-Type", kind)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
 
 
 def test_page_shows_states_runs_and_a_gone_daemon_in_a_phone_frame():
+    FakeMonitor.log_message = lambda *_: None
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), FakeMonitor)
     threading.Thread(target=server.serve_forever, daemon=True).start()
     profile = tempfile.mkdtemp(prefix="monitor-ui-")

@@ -69,7 +69,7 @@ def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
 
 
 def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
-    daemon = sandbox.start(nofile=NOFILE).wait_ready()
+    daemon = sandbox.start(nofile=(NOFILE, NOFILE)).wait_ready()
     with FakePeer(silent) as peer:
         assert register(daemon, "quiet", peer.port) == OK
         relays = [connect(daemon.port, HISTORY) for _ in range(20)]

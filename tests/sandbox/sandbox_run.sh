@@ -5,10 +5,13 @@
 # paths show only what the test put into ROOT/upper: each one it did not put
 # there is hidden by a whiteout, and each directory it did put there is made
 # opaque. When ROOT lies on an overlay itself (a container), a tmpfs is
-# mounted on ROOT first, in the caller's namespace so the caller reads it.
+# mounted on ROOT when it is made, in the caller's namespace so the caller
+# reads it: a caller that fills ROOT/upper first makes ROOT with --prepare.
 #
 # usage: sandbox_run.sh [--fresh] ROOT COMMAND [ARG...]
-#   --fresh  empty ROOT first
+#        sandbox_run.sh --prepare ROOT
+#   --fresh    empty ROOT first
+#   --prepare  only make ROOT
 # Every step execs, so signals sent to this script's pid reach the command.
 set -eu
 FIXED_PATHS="/tmp/.manager_svc.inf /var/.mgrsvc_ok /Ombrix /etc/init.d/services.sh
@@ -17,17 +20,17 @@ if [ "$(id -u)" -ne 0 ]; then
     echo "sandbox_run.sh: must run as root (mount namespaces and overlayfs)" >&2
     exit 2
 fi
-if [ "${1:-}" = "--fresh" ]; then
-    shift
-    rm -rf "$1" 2>/dev/null || mountpoint -q "$1"
-fi
+option=${1:-}
+case $option in --fresh|--prepare) shift ;; esac
+[ "$option" != --fresh ] || rm -rf "$1" 2>/dev/null || mountpoint -q "$1"
 root=$(realpath -m "$1")
 shift
-mkdir -p "$root"
-if [ "$(stat -f -c %T "$root")" = overlayfs ]; then
-    mount -t tmpfs sandbox "$root"
+if [ ! -d "$root/upper" ]; then
+    mkdir -p "$root"
+    [ "$(stat -f -c %T "$root")" != overlayfs ] || mount -t tmpfs sandbox "$root"
 fi
 mkdir -p "$root/upper" "$root/work" "$root/merged"
+[ "$option" != --prepare ] || exit 0
 for path in $FIXED_PATHS; do
     hidden=$root/upper$path
     mkdir -p "$(dirname "$hidden")"
