@@ -1,5 +1,4 @@
-"""pytest fixtures shared by the black-box tests: a sandbox per test, or
-one per test module for the module's shared daemon."""
+"""Fixtures of the black-box tests: a sandbox per test, or per module."""
 import pytest
 
 from harness import Sandbox

@@ -31,9 +31,6 @@ class FakePeer(socketserver.ThreadingTCPServer):
         return self
 
     def __exit__(self, *_):
-        self.stop()
-
-    def stop(self):
         self.stopping.set()
         self.shutdown()
         self.server_close()

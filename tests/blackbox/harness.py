@@ -1,8 +1,8 @@
 """Black-box harness: runs the real manager_svc in the overlay sandbox
-(tests/sandbox/sandbox_run.sh). What the daemon writes at its fixed device
-paths lands in the sandbox's upper directory, where the test reads it; what
-it should find there (scripts, pages, a registry file) is written first."""
+(tests/sandbox/sandbox_run.sh). What it writes at its fixed device paths lands in
+the sandbox's upper directory, where the test reads it or puts what it should find."""
 import collections
+import contextlib
 import http.client
 import os
 import resource
@@ -14,11 +14,10 @@ import subprocess
 import time
 import uuid
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SANDBOX_RUN = os.path.join(HERE, "..", "sandbox", "sandbox_run.sh")
+SANDBOX_RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sandbox",
+                           "sandbox_run.sh")
 BIN = os.environ.get("MANAGER_SVC_BIN", "")
 SANDBOX_ROOT = os.environ.get("MANAGER_SVC_SANDBOX_ROOT", "/tmp/manager_svc-sandbox")
-SANITIZED = bool(os.environ.get("MANAGER_SVC_SANITIZE"))
 REGISTRY_FILE = "/tmp/.manager_svc.inf"
 READY_MARKER = "/var/.mgrsvc_ok"
 DEBUG_LOG = "/Ombrix/.mgrsvc_log/.mgrsvc_log"
@@ -30,7 +29,7 @@ OK = b'{ "return": 0 }'
 
 def deadline(seconds):
     """Sanitizer builds run several times slower: deadlines stretch."""
-    return seconds * (4 if SANITIZED else 1)
+    return seconds * (4 if os.environ.get("MANAGER_SVC_SANITIZE") else 1)
 
 
 def wait_for(condition, timeout=5.0, interval=0.01):
@@ -48,9 +47,9 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def port_answers(port, host="127.0.0.1"):
+def port_answers(port):
     try:
-        with socket.create_connection((host, port), timeout=0.2):
+        with socket.create_connection(("127.0.0.1", port), timeout=0.2):
             return True
     except OSError:
         return False
@@ -60,15 +59,13 @@ Reply = collections.namedtuple("Reply", "status headers body")  # header names l
 
 
 def http_request(port, method, path, body=None, headers=None, timeout=10):
-    conn = http.client.HTTPConnection("127.0.0.1", port, timeout=deadline(timeout))
-    try:
+    with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port,
+                                                       timeout=deadline(timeout))) as conn:
         conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
                      headers=headers or {})
         answer = conn.getresponse()
         data = answer.read()
         return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
-    finally:
-        conn.close()
 
 
 class Sandbox:
@@ -136,11 +133,11 @@ class Daemon:
     def __init__(self, sandbox, args, port, nofile):
         self.sandbox, self.port = sandbox, port or DEFAULT_PORT
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
-        self._stderr = open(self.stderr_path, "wb")
-        self.proc = subprocess.Popen(
-            sandbox.command((["-p", port] if port else []) + list(args)), stdin=subprocess.DEVNULL,
-            stdout=self._stderr, stderr=self._stderr,
-            preexec_fn=(lambda: resource.setrlimit(resource.RLIMIT_NOFILE, nofile)) if nofile else None)
+        with open(self.stderr_path, "wb") as out:
+            self.proc = subprocess.Popen(
+                sandbox.command((["-p", port] if port else []) + list(args)),
+                stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                preexec_fn=lambda: nofile and resource.setrlimit(resource.RLIMIT_NOFILE, nofile))
         self.pid = self.proc.pid
 
     def alive(self):
@@ -166,17 +163,12 @@ class Daemon:
         """Sends sig; returns the exit status."""
         if self.alive():
             self.proc.send_signal(sig)
-        try:
-            return self.proc.wait(deadline(timeout))
-        except subprocess.TimeoutExpired:
-            self.kill()
-            raise AssertionError(f"daemon did not stop after signal {sig}")
+        return self.proc.wait(deadline(timeout))
 
     def kill(self):
         if self.alive():
             self.proc.kill()
             self.proc.wait()
-        self._stderr.close()
 
 
 def device_path_of(daemon, device_path):

@@ -5,17 +5,16 @@
 # no test may see those files or change them. Exits non-zero on failure.
 # usage: isolation_check.sh BUILD_DIR [CTEST_ARG...]
 set -eu
-sandbox_run=$(dirname "$(realpath "$0")")/sandbox_run.sh
 build=$(realpath "$1")
 shift
 outer=$(mktemp -d /tmp/isolation-check.XXXXXX)
 trap 'rm -rf "$outer"' EXIT
 host=$outer/upper
 mkdir -p "$host/tmp" "$host/var" "$host/Ombrix/.mgrsvc_log"
-echo "intruder,1.2.3.4,99" >"$host/tmp/.manager_svc.inf"
-echo "marker" >"$host/var/.mgrsvc_ok"
-echo "host log" >"$host/Ombrix/.mgrsvc_log/.mgrsvc_log"
-seeded=$(cat "$host/tmp/.manager_svc.inf" "$host/var/.mgrsvc_ok" "$host/Ombrix/.mgrsvc_log/.mgrsvc_log")
-"$sandbox_run" "$outer" ctest --test-dir "$build" --output-on-failure "$@"
-left=$(cat "$host/tmp/.manager_svc.inf" "$host/var/.mgrsvc_ok" "$host/Ombrix/.mgrsvc_log/.mgrsvc_log")
-[ "$left" = "$seeded" ] || { echo "isolation_check: the host's files changed" >&2; exit 1; }
+seeded="$host/tmp/.manager_svc.inf $host/var/.mgrsvc_ok $host/Ombrix/.mgrsvc_log/.mgrsvc_log"
+for file in $seeded; do echo "intruder,1.2.3.4,99" >"$file"; done
+"$(dirname "$(realpath "$0")")/sandbox_run.sh" "$outer" \
+    ctest --test-dir "$build" --output-on-failure "$@"
+for file in $seeded; do
+    [ "$(cat "$file")" = "intruder,1.2.3.4,99" ] || { echo "isolation_check: $file changed" >&2; exit 1; }
+done

@@ -1,25 +1,18 @@
 #!/bin/sh
 # Runs a command in a private mount namespace, chrooted into an overlay of
-# the host's root: everything it writes lands in ROOT/upper, where the test
-# reads it, and the host's own copies are never touched. The device's fixed
-# paths show only what the test put into ROOT/upper: each one it did not put
-# there is hidden by a whiteout, and each directory it did put there is made
-# opaque. When ROOT lies on an overlay itself (a container), a tmpfs is
-# mounted on ROOT when it is made, in the caller's namespace so the caller
-# reads it: a caller that fills ROOT/upper first makes ROOT with --prepare.
-#
-# usage: sandbox_run.sh [--fresh] ROOT COMMAND [ARG...]
-#        sandbox_run.sh --prepare ROOT
-#   --fresh    empty ROOT first
-#   --prepare  only make ROOT
+# the host's root: what it writes lands in ROOT/upper, where the test reads
+# it; the host's files are never touched. Of the device's fixed paths it sees
+# only what the test put into ROOT/upper: a whiteout hides each other one, a
+# directory the test put there is made opaque. When ROOT lies on an overlay
+# (a container), a tmpfs is mounted on ROOT as it is made, in the caller's
+# namespace; a caller that fills ROOT/upper first makes it with --prepare.
+# usage: sandbox_run.sh [--fresh | --prepare] ROOT [COMMAND [ARG...]]
+#   --fresh: empty ROOT first; --prepare: only make ROOT.
 # Every step execs, so signals sent to this script's pid reach the command.
 set -eu
 FIXED_PATHS="/tmp/.manager_svc.inf /var/.mgrsvc_ok /Ombrix /etc/init.d/services.sh
 /etc/init.d/fdr_services.sh /home/httpd/manager_svc"
-if [ "$(id -u)" -ne 0 ]; then
-    echo "sandbox_run.sh: must run as root (mount namespaces and overlayfs)" >&2
-    exit 2
-fi
+[ "$(id -u)" -eq 0 ] || { echo "sandbox_run.sh: needs root (mount namespace, overlayfs)" >&2; exit 2; }
 option=${1:-}
 case $option in --fresh|--prepare) shift ;; esac
 [ "$option" != --fresh ] || rm -rf "$1" 2>/dev/null || mountpoint -q "$1"
