@@ -1,6 +1,5 @@
-"""The service-manager resource: each result code of register, get_info and
-unregister, the server's own refusals, and the registry file kept and
-loaded back across a restart."""
+"""The service-manager resource: each result code of register, get_info and unregister,
+the server's own refusals, and the registry file kept and loaded back across a restart."""
 import pytest
 
 from harness import OK, REGISTRY_FILE, SVCMGR, register
@@ -54,7 +53,8 @@ def test_result_codes(daemon, method, path, body, status, expected):
 
 def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbox):
     assert module_sandbox.read(REGISTRY_FILE) == b"svcA,10.0.0.7,80\n"
-    assert f"get_content={REGISTER_A}\n" in daemon.stderr_text()
+    assert (f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
+            in daemon.stderr_text())
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK
