@@ -40,10 +40,9 @@ def test_methods_runs_and_stop_while_a_script_runs(sandbox):
     daemon = sandbox.start("-v", "2").wait_ready()
     for body in ['{"method": "Start"}', '{"method": 1}', '["start"]', ""]:
         assert post(daemon, body) == b'{ "return": -1 }', body
-    for method in ("start", "fdr_restart", "stop"):
+    for count, method in enumerate(("start", "fdr_restart", "stop"), start=1):
         assert post(daemon, f'{{"method": "{method}"}}') == OK
-        assert wait_for(lambda: len(outcomes(daemon)) == 1 + ("start", "fdr_restart",
-                                                               "stop").index(method))
+        assert wait_for(lambda: len(outcomes(daemon)) == count)
     assert wait_for(lambda: len(shells(daemon.pid)) == 1)
     os.kill(shells(daemon.pid)[0], signal.SIGKILL)
     assert post(daemon, '{"method": "restart"}') == OK
