@@ -17,14 +17,14 @@ INDEX = b"<html>index</html>"
 
 @pytest.fixture(scope="module")
 def monitor(module_sandbox):
-    box = module_sandbox
-    box.write("/www/index.html", INDEX)
-    box.write("/www/app.js", b"let app = 1;")
-    box.write("/outside/secret.js", b"secret")
-    os.symlink("/outside/secret.js", box.path("/www/out.js"))
+    module_sandbox.write("/www/index.html", INDEX)
+    module_sandbox.write("/www/sub/page.html", INDEX)
+    module_sandbox.write("/www/app.js", b"let app = 1;")
+    module_sandbox.write("/outside/secret.js", b"secret")
+    os.symlink("/outside/secret.js", module_sandbox.path("/www/out.js"))
     with FakePeer(answer(200, b'{"events": [1]}')) as good, \
             FakePeer(answer(500, b"{}")) as failing:
-        daemon = box.start("-v", "2", "-m", "1", "-D", "/www/").wait_ready()
+        daemon = module_sandbox.start("-v", "2", "-m", "1", "-D", "/www/").wait_ready()
         for name, port in [("good", good.port), ("failing", failing.port),
                            ("closed", free_port())]:
             assert register(daemon, name, port) == OK
@@ -53,7 +53,8 @@ WALK = [
     (WEB + "/app.js", {}, (200, "application/javascript", b"let app = 1;")),
     (WEB + "/missing.html", {}, NOT_FOUND),
     (WEB + "/out.js", {}, NOT_FOUND),
-    (WEB + "/../outside/secret.js", {}, NOT_FOUND),
+    (WEB + "/sub/../index.html", {}, NOT_FOUND),
+    (WEB + "..//www/index.html", {}, NOT_FOUND),
     (WEB + "/%2e%2e/outside/secret.js", {}, NOT_FOUND),
 ]
 
