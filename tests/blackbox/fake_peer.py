@@ -1,6 +1,5 @@
-"""A fake service on loopback: answers each request as its behaviour says
-(`answer(status, body)` or `silent`), one thread per connection, and notes
-the request heads it got; it stops when the with-block ends."""
+"""A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`)
+says, one thread per connection, and notes the request heads; stops with its with-block."""
 import socketserver
 import threading
 

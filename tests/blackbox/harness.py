@@ -148,7 +148,6 @@ class Daemon:
             return src.read().decode("utf-8", "replace")
 
     def wait_ready(self, timeout=10):
-        """Waits for the ready marker and an answering port."""
         def ready():
             if not self.alive() and self.proc.returncode != 0:
                 raise AssertionError(f"daemon exited {self.proc.returncode}:\n{self.stderr_text()}")

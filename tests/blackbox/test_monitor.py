@@ -15,6 +15,12 @@ OLD_DATE = "Thu, 01 Jan 1970 00:00:00 GMT"
 INDEX = b"<html>index</html>"
 
 
+def history_service(peer, conn):
+    """Answers only the history request that the service named "good" should get."""
+    asked = peer.requests[-1].startswith("GET /good/svcmon?method=get_history HTTP/1.1")
+    answer(200 if asked else 404, b'{"events": [1]}')(peer, conn)
+
+
 @pytest.fixture(scope="module")
 def monitor(module_sandbox):
     module_sandbox.write("/www/index.html", INDEX)
@@ -22,7 +28,7 @@ def monitor(module_sandbox):
     module_sandbox.write("/www/app.js", b"let app = 1;")
     module_sandbox.write("/outside/secret.js", b"secret")
     os.symlink("/outside/secret.js", module_sandbox.path("/www/out.js"))
-    with FakePeer(answer(200, b'{"events": [1]}')) as good, \
+    with FakePeer(history_service) as good, \
             FakePeer(answer(500, b"{}")) as failing:
         daemon = module_sandbox.start("-v", "2", "-m", "1", "-D", "/www/").wait_ready()
         for name, port in [("good", good.port), ("failing", failing.port),

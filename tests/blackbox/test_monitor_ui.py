@@ -67,7 +67,6 @@ class FakeMonitor(http.server.BaseHTTPRequestHandler):
 
 
 def test_page_shows_states_runs_and_a_gone_daemon_in_a_phone_frame():
-    FakeMonitor.log_message = lambda *_: None
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), FakeMonitor)
     threading.Thread(target=server.serve_forever, daemon=True).start()
     with tempfile.TemporaryDirectory(prefix="monitor-ui-") as profile:

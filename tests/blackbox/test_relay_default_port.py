@@ -1,8 +1,6 @@
-"""The system-state relay: GET /managerService/sys_state answers with the
-body of the service registered as "recStreamService", unchanged, or an
-empty body when the relay fails. The daemon runs on the fixed name-server
-port 10182 with a single listener thread, so it answers the relay's own
-look-up while the relay waits on a worker. Skipped when 10182 is taken."""
+"""The system-state relay answers with recStreamService's body, unchanged, or an empty
+body when it fails. The daemon runs on the name-server port 10182 (skipped when taken)
+with one listener thread, which answers the relay's own look-up meanwhile."""
 import pytest
 
 from fake_peer import FakePeer, answer
