@@ -163,7 +163,7 @@ def main():
             if args.only and args.only not in label:
                 continue
             reply = daemon.request("GET", path)
-            anchor = Anchor(args.build, args.threads, reply.body, reply.content_type)
+            anchor = Anchor(args.build, args.threads, reply.body, reply.headers["content-type"])
             report_ratio(f"{label} ({len(reply.body)} B)", daemon, anchor, path, args)
             anchor.close()
         daemon.stop()

@@ -1,6 +1,7 @@
 """What every benchmark script shares: the project root, the black-box
 harness on the import path, the --build option that points the harness at
-a build's daemon, and the sandboxes a run makes (cleaned up at its end)."""
+a build's daemon, the sandboxes a run makes (cleaned up at its end), and
+readings of a process from /proc."""
 import os
 import sys
 
@@ -37,3 +38,17 @@ class Sandboxes:
     def __exit__(self, *_):
         for box in self.made:
             box.cleanup()
+
+
+def proc_status(pid, field):
+    """A number from /proc/PID/status (VmRSS, VmHWM in KiB, Threads)."""
+    with open(f"/proc/{pid}/status") as status:
+        for line in status:
+            name, _, value = line.partition(":")
+            if name == field:
+                return int(value.split()[0])
+    raise KeyError(field)
+
+
+def open_fds(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))

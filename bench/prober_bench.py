@@ -118,7 +118,7 @@ def throughput(new_sandbox, registry, args):
     busy = start_daemon(new_sandbox, registry, "-m", "1")
     quiet = start_daemon(new_sandbox, registry, "-m", "3600")
     reply = busy.request("GET", GET_INFO)
-    anchor = Anchor(args.build, 10, reply.body, reply.content_type)
+    anchor = Anchor(args.build, 10, reply.body, reply.headers["content-type"])
     daemons = {"busy": busy, "quiet": quiet}
     try:
         for connections in (32, 128):

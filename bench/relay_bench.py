@@ -128,7 +128,7 @@ def wait_answers(sockets, began, on_tick):
 
 
 def threads_of(daemon):
-    from harness import proc_status
+    from bench_support import proc_status
     return proc_status(daemon.pid, "Threads")
 
 

@@ -98,7 +98,7 @@ def run_chunk(port, requests, connections):
 
 def proc_counts(pid):
     """(open descriptors, threads) of a process."""
-    from harness import open_fds, proc_status
+    from bench_support import open_fds, proc_status
     return open_fds(pid), proc_status(pid, "Threads")
 
 

@@ -2,7 +2,7 @@
 """Web-page figures of manager_svc, printed (never asserted).
 
 - swap race: a writer inside the home directory keeps swapping a directory
-  and a symlink to a directory outside it (tests/blackbox/web_race.py) while
+  and a symlink to a directory outside it (bench/web_race.py) while
   a page below that name is requested TRIES times; prints how many replies
   carried the file from outside (must be 0), from inside, and 404;
 - slow readers: READERS connections each ask for one 4 MiB page and then
@@ -52,7 +52,8 @@ def slow_reader(port, path):
 
 
 def slow_readers(sandbox_factory, readers):
-    from harness import proc_status, wait_for
+    from bench_support import proc_status
+    from harness import wait_for
     box = sandbox_factory()
     box.write("/www/big.html", os.urandom(BIG_PAGE_SIZE))
     daemon = box.start("-v", "2", "-t", "10", "-D", "/www/").wait_ready()

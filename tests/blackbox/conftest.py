@@ -1,4 +1,4 @@
-"""pytest fixtures shared by the black-box tests."""
+"""Fixtures of the black-box tests: a sandbox per test, or per module."""
 import pytest
 
 from harness import Sandbox
@@ -6,37 +6,13 @@ from harness import Sandbox
 
 @pytest.fixture
 def sandbox(request):
-    """A fresh scratch device root; removed after a passing test, kept after a
-    failing one (its path is in the test's output) for a look."""
     box = Sandbox(request.node.name)
     yield box
-    failed = getattr(request.node, "rep_call", None)
-    if failed is not None and failed.failed:
-        for daemon in box.daemons:
-            daemon.kill()
-        print(f"sandbox kept at {box.root}")
-    else:
-        box.cleanup()
+    box.cleanup()
 
 
-@pytest.fixture
-def daemon(sandbox):
-    """A ready daemon on a free port at verbose level 2."""
-    return sandbox.start("-v", "2").wait_ready()
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    setattr(item, "rep_" + report.when, report)
-
-
-@pytest.fixture
-def clean_exit(sandbox):
-    """After the test, stops every daemon of the sandbox with SIGTERM and
-    requires exit status 0 (a sanitizer report changes it)."""
-    yield
-    for daemon in sandbox.daemons:
-        status = daemon.stop()
-        assert status == 0, daemon.stderr_text()[-4000:]
+@pytest.fixture(scope="module")
+def module_sandbox(request):
+    box = Sandbox(request.module.__name__)
+    yield box
+    box.cleanup()

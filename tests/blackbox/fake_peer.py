@@ -1,153 +1,53 @@
-"""Fake peers: small HTTP servers on loopback whose behaviour a test sets.
-
-    with FakePeer(answer(200, b'{"a": 1}')) as peer:
-        ... peer.port ... peer.requests ...
-
-A behaviour is a function (peer, connection, request) that writes whatever
-it likes to the connection; `answer`, `silent`, `trickle` and `flood` are
-the usual ones, and `delayed` puts a pause before any of them. Each
-connection is served on its own thread; the peer stops (and closes every
-connection) when the with-block ends.
-"""
-import socket
+"""A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`)
+says, one thread per connection, and notes the request heads; stops with its with-block."""
+import socketserver
 import threading
-import time
+
+from harness import wait_for
 
 
-class Request:
-    def __init__(self, method, target, headers, body):
-        self.method = method
-        self.target = target          # path and query as sent
-        self.headers = headers        # names in lower case
-        self.body = body
-
-    @property
-    def path(self):
-        return self.target.split("?", 1)[0]
-
-    @property
-    def query(self):
-        return self.target.split("?", 1)[1] if "?" in self.target else ""
-
-
-def answer(status, body=b"", content_type="application/json", reason="X"):
-    """Replies once with this status and body, then closes."""
-    def behave(peer, conn, request):
-        head = (f"HTTP/1.1 {status} {reason}\r\nContent-Type: {content_type}\r\n"
-                f"Content-Length: {len(body)}\r\nConnection: close\r\n\r\n")
-        conn.sendall(head.encode() + body)
+def answer(status, body=b"", content_type="application/json"):
+    def behave(peer, conn):
+        conn.sendall(f"HTTP/1.1 {status} X\r\nContent-Type: {content_type}\r\nContent-Length: "
+                     f"{len(body)}\r\nConnection: close\r\n\r\n".encode() + body)
     return behave
 
 
-def silent(peer, conn, request):
-    """Accepts the request and never answers (until the peer stops)."""
+def silent(peer, conn):
     peer.stopping.wait()
 
 
-def trickle(interval=1.0):
-    """Sends a valid head promising a body, then one byte per interval."""
-    def behave(peer, conn, request):
-        conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000000\r\n\r\n")
-        while not peer.stopping.wait(interval):
-            conn.sendall(b"x")
-    return behave
+class FakePeer(socketserver.ThreadingTCPServer):
+    allow_reuse_address, daemon_threads, request_queue_size = True, True, 512
 
-
-def delayed(seconds, behaviour):
-    """Waits `seconds` (or until the peer stops), then behaves as given."""
-    def behave(peer, conn, request):
-        if not peer.stopping.wait(seconds):
-            behaviour(peer, conn, request)
-    return behave
-
-
-def flood(peer, conn, request):
-    """A 200 head without length, then bytes as fast as they are taken."""
-    conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n")
-    chunk = b"x" * 65536
-    while not peer.stopping.is_set():
-        conn.sendall(chunk)
-
-
-class FakePeer:
-    def __init__(self, behaviour, host="127.0.0.1", port=0):
-        self.behaviour = behaviour
-        self.requests = []
-        self.stopping = threading.Event()
-        self._listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._listener.bind((host, port))
-        self._listener.listen(64)
-        self._listener.settimeout(0.1)
-        self.port = self._listener.getsockname()[1]
-        self._threads = []
-        self._accepter = threading.Thread(target=self._accept_loop, daemon=True)
+    def __init__(self, behaviour, port=0):
+        self.behaviour, self.requests, self.stopping = behaviour, [], threading.Event()
+        super().__init__(("127.0.0.1", port), PeerConnection)
+        self.port = self.server_address[1]
 
     def __enter__(self):
-        self._accepter.start()
+        threading.Thread(target=self.serve_forever, daemon=True).start()
         return self
 
-    def __exit__(self, *exc):
-        self.stop()
-
-    def stop(self):
+    def __exit__(self, *_):
         self.stopping.set()
-        self._accepter.join(5)
-        self._listener.close()
-        for thread in self._threads:
-            thread.join(5)
+        self.shutdown()
+        self.server_close()
 
     def wait_requests(self, count, timeout=5):
-        end = time.monotonic() + timeout
-        while len(self.requests) < count and time.monotonic() < end:
-            time.sleep(0.01)
-        return len(self.requests) >= count
+        return wait_for(lambda: len(self.requests) >= count, timeout)
 
-    def _accept_loop(self):
-        while not self.stopping.is_set():
-            try:
-                conn, _ = self._listener.accept()
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            thread = threading.Thread(target=self._serve, args=(conn,), daemon=True)
-            # Only live threads are kept, so a long run does not pile them up.
-            self._threads = [t for t in self._threads if t.is_alive()]
-            self._threads.append(thread)
-            thread.start()
 
-    def _serve(self, conn):
-        with conn:
-            conn.settimeout(5)
-            try:
-                request = _read_request(conn)
-                if request is None:
+class PeerConnection(socketserver.BaseRequestHandler):
+    def handle(self):
+        data = b""
+        try:
+            while b"\r\n\r\n" not in data:
+                chunk = self.request.recv(4096)
+                if not chunk:
                     return
-                self.requests.append(request)
-                self.behaviour(self, conn, request)
-            except OSError:
-                pass
-
-
-def _read_request(conn):
-    data = b""
-    while b"\r\n\r\n" not in data:
-        chunk = conn.recv(4096)
-        if not chunk:
-            return None
-        data += chunk
-    head, _, body = data.partition(b"\r\n\r\n")
-    lines = head.decode("latin-1").split("\r\n")
-    method, target, _ = (lines[0].split(" ", 2) + ["", ""])[:3]
-    headers = {}
-    for line in lines[1:]:
-        name, _, value = line.partition(":")
-        headers[name.strip().lower()] = value.strip()
-    length = int(headers.get("content-length", "0") or 0)
-    while len(body) < length:
-        chunk = conn.recv(65536)
-        if not chunk:
-            break
-        body += chunk
-    return Request(method, target, headers, body)
+                data += chunk
+            self.server.requests.append(data.partition(b"\r\n\r\n")[0].decode("latin-1"))
+            self.server.behaviour(self.server, self.request)
+        except OSError:  # the prober's checks reset their connections
+            pass

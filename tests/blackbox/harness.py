@@ -1,43 +1,38 @@
-"""Black-box harness: runs the real manager_svc the way an operator would.
-
-Every daemon runs chrooted over an overlay of the host's root
-(tests/sandbox/sandbox_run.sh), so whatever it writes at its fixed device
-paths lands in the sandbox's upper directory, where the test reads it; files
-the daemon should find (init-script fakes, pages, a seeded registry file) are
-written there before it starts. The host's own copies are never touched.
-"""
+"""Black-box harness: runs the real manager_svc in the overlay sandbox
+(tests/sandbox/sandbox_run.sh). What it writes at its fixed device paths lands in
+the sandbox's upper directory, where the test reads it or puts what it should find."""
+import collections
+import contextlib
 import http.client
 import os
 import resource
 import shutil
 import signal
 import socket
+import stat
 import subprocess
 import time
 import uuid
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SANDBOX_RUN = os.path.join(HERE, "..", "sandbox", "sandbox_run.sh")
+SANDBOX_RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sandbox",
+                           "sandbox_run.sh")
 BIN = os.environ.get("MANAGER_SVC_BIN", "")
 SANDBOX_ROOT = os.environ.get("MANAGER_SVC_SANDBOX_ROOT", "/tmp/manager_svc-sandbox")
-SANITIZED = bool(os.environ.get("MANAGER_SVC_SANITIZE"))
-
 REGISTRY_FILE = "/tmp/.manager_svc.inf"
 READY_MARKER = "/var/.mgrsvc_ok"
 DEBUG_LOG = "/Ombrix/.mgrsvc_log/.mgrsvc_log"
 DEFAULT_PORT = 10182
-
-# Sanitizer builds start and answer several times slower; deadlines (never
-# expectations) stretch with them.
-TIME_SCALE = 4 if SANITIZED else 1
+SVCMGR = "/managerService/svcmgr"
+SVCMON = "/managerService/svcmon"
+OK = b'{ "return": 0 }'
 
 
 def deadline(seconds):
-    return seconds * TIME_SCALE
+    """Sanitizer builds run several times slower: deadlines stretch."""
+    return seconds * (4 if os.environ.get("MANAGER_SVC_SANITIZE") else 1)
 
 
 def wait_for(condition, timeout=5.0, interval=0.01):
-    """Polls condition() until it is true or the (scaled) timeout passes."""
     end = time.monotonic() + deadline(timeout)
     while time.monotonic() < end:
         if condition():
@@ -47,50 +42,30 @@ def wait_for(condition, timeout=5.0, interval=0.01):
 
 
 def free_port():
-    """A TCP port on loopback that nothing listens on right now."""
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
+    with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
 
 
-def port_answers(port, host="127.0.0.1"):
+def port_answers(port):
     try:
-        with socket.create_connection((host, port), timeout=0.2):
+        with socket.create_connection(("127.0.0.1", port), timeout=0.2):
             return True
     except OSError:
         return False
 
 
-class Reply:
-    def __init__(self, status, headers, body):
-        self.status = status
-        self.headers = headers  # names in lower case
-        self.body = body
-
-    @property
-    def content_type(self):
-        return self.headers.get("content-type")
-
-    def text(self):
-        return self.body.decode("utf-8", "replace")
-
-    def __repr__(self):
-        return f"Reply({self.status}, {self.headers!r}, {self.body[:200]!r})"
+Reply = collections.namedtuple("Reply", "status headers body")  # header names lower case
 
 
-def http_request(port, method, path, body=None, headers=None, timeout=10, host="127.0.0.1"):
-    """One HTTP request on its own connection; returns a Reply."""
-    if isinstance(body, str):
-        body = body.encode()
-    conn = http.client.HTTPConnection(host, port, timeout=deadline(timeout))
-    try:
-        conn.request(method, path, body=body, headers=headers or {})
+def http_request(port, method, path, body=None, headers=None, timeout=10):
+    with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port,
+                                                       timeout=deadline(timeout))) as conn:
+        conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
+                     headers=headers or {})
         answer = conn.getresponse()
         data = answer.read()
-        found = {name.lower(): value for name, value in answer.getheaders()}
-        return Reply(answer.status, found, data)
-    finally:
-        conn.close()
+        return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
 
 
 class Sandbox:
@@ -100,52 +75,51 @@ class Sandbox:
         safe = "".join(c if c.isalnum() or c in "-_" else "_" for c in name)[:60]
         self.root = os.path.join(SANDBOX_ROOT, "blackbox", f"{safe}-{uuid.uuid4().hex[:8]}")
         self.upper = os.path.join(self.root, "upper")
-        os.makedirs(self.upper)
+        subprocess.run([SANDBOX_RUN, "--prepare", self.root], check=True)
         self.daemons = []
 
     def path(self, device_path):
-        """Where a device path written by the daemon shows up on the host."""
         return os.path.join(self.upper, device_path.lstrip("/"))
+
+    def exists(self, device_path):
+        """True unless absent or hidden by the sandbox's whiteout (device 0/0)."""
+        try:
+            found = os.lstat(self.path(device_path))
+        except (FileNotFoundError, NotADirectoryError):
+            return False
+        return not (stat.S_ISCHR(found.st_mode) and found.st_rdev == 0)
 
     def write(self, device_path, content, mode=0o644):
         target = self.path(device_path)
         os.makedirs(os.path.dirname(target), exist_ok=True)
+        if os.path.lexists(target) and not self.exists(device_path):
+            os.unlink(target)
         with open(target, "wb") as out:
             out.write(content.encode() if isinstance(content, str) else content)
         os.chmod(target, mode)
 
     def read(self, device_path):
-        """The bytes of a file at a device path, or None when it is absent."""
-        try:
+        """The file's bytes, or None when it is absent."""
+        if self.exists(device_path):
             with open(self.path(device_path), "rb") as src:
                 return src.read()
-        except (FileNotFoundError, NotADirectoryError, IsADirectoryError):
-            return None
-
-    def exists(self, device_path):
-        return os.path.lexists(self.path(device_path))
+        return None
 
     def debug_log(self):
-        data = self.read(DEBUG_LOG)
-        return data.decode("utf-8", "replace") if data else ""
+        return (self.read(DEBUG_LOG) or b"").decode("utf-8", "replace")
 
     def command(self, args):
         return [SANDBOX_RUN, self.root, BIN, *[str(a) for a in args]]
 
     def run(self, args, timeout=10):
-        """Runs the binary to completion; returns the CompletedProcess."""
         return subprocess.run(self.command(args), stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=deadline(timeout))
 
-    def start(self, *args, port=None, add_port=True, nofile=None):
-        """Starts the daemon with "-p PORT" (a free port unless given) and args;
-        `nofile` sets its descriptor limit (soft and hard)."""
-        if port is None:
-            port = free_port() if add_port else DEFAULT_PORT
-        full = (["-p", str(port)] if add_port else []) + [str(a) for a in args]
-        daemon = Daemon(self, full, port, nofile)
-        self.daemons.append(daemon)
-        return daemon
+    def start(self, *args, add_port=True, nofile=None):
+        """Starts the daemon with "-p PORT" (a free port) and args; `nofile`
+        is its (soft, hard) descriptor limit."""
+        self.daemons.append(Daemon(self, args, free_port() if add_port else None, nofile))
+        return self.daemons[-1]
 
     def cleanup(self):
         for daemon in self.daemons:
@@ -154,24 +128,17 @@ class Sandbox:
 
 
 class Daemon:
-    """One run of the daemon in a sandbox."""
+    """One run of the daemon in a sandbox; its console output in a file."""
 
-    def __init__(self, sandbox, args, port, nofile=None):
-        self.sandbox = sandbox
-        self.args = args
-        self.port = port
+    def __init__(self, sandbox, args, port, nofile):
+        self.sandbox, self.port = sandbox, port or DEFAULT_PORT
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
-        self._stderr = open(self.stderr_path, "wb")
-
-        def limit_descriptors():
-            resource.setrlimit(resource.RLIMIT_NOFILE, (nofile, nofile))
-        self.proc = subprocess.Popen(sandbox.command(args), stdin=subprocess.DEVNULL,
-                                     stdout=self._stderr, stderr=self._stderr,
-                                     preexec_fn=limit_descriptors if nofile else None)
-
-    @property
-    def pid(self):
-        return self.proc.pid
+        with open(self.stderr_path, "wb") as out:
+            self.proc = subprocess.Popen(
+                sandbox.command((["-p", port] if port else []) + list(args)),
+                stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                preexec_fn=lambda: nofile and resource.setrlimit(resource.RLIMIT_NOFILE, nofile))
+        self.pid = self.proc.pid
 
     def alive(self):
         return self.proc.poll() is None
@@ -180,58 +147,34 @@ class Daemon:
         with open(self.stderr_path, "rb") as src:
             return src.read().decode("utf-8", "replace")
 
-    def wait_stderr(self, text, timeout=5):
-        return wait_for(lambda: text in self.stderr_text(), timeout)
-
     def wait_ready(self, timeout=10):
-        """Waits for the ready marker and an answering port; fails early if
-        the process ends first (unless it detached with -d)."""
         def ready():
             if not self.alive() and self.proc.returncode != 0:
-                raise AssertionError(f"daemon exited with {self.proc.returncode}:\n"
-                                     + self.stderr_text())
+                raise AssertionError(f"daemon exited {self.proc.returncode}:\n{self.stderr_text()}")
             return self.sandbox.exists(READY_MARKER) and port_answers(self.port)
-        if not wait_for(ready, timeout):
-            raise AssertionError("daemon not ready:\n" + self.stderr_text())
+        assert wait_for(ready, timeout), "daemon not ready:\n" + self.stderr_text()
         return self
 
     def request(self, method, path, body=None, headers=None, timeout=10):
         return http_request(self.port, method, path, body, headers, timeout)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        """Sends sig and waits for the exit status (an exited process is fine)."""
+        """Sends sig; returns the exit status."""
         if self.alive():
             self.proc.send_signal(sig)
-        try:
-            return self.proc.wait(deadline(timeout))
-        except subprocess.TimeoutExpired:
-            self.kill()
-            raise AssertionError(f"daemon did not stop after signal {sig}")
+        return self.proc.wait(deadline(timeout))
 
     def kill(self):
         if self.alive():
             self.proc.kill()
             self.proc.wait()
-        self._stderr.close()
-
-
-def proc_status(pid, field):
-    """A number from /proc/PID/status (VmRSS and VmHWM in KiB, Threads)."""
-    with open(f"/proc/{pid}/status") as status:
-        for line in status:
-            name, _, value = line.partition(":")
-            if name == field:
-                return int(value.split()[0])
-    raise KeyError(field)
-
-
-def open_fds(pid):
-    """How many file descriptors a process holds open."""
-    return len(os.listdir(f"/proc/{pid}/fd"))
 
 
 def device_path_of(daemon, device_path):
-    """A device path as the running daemon sees it (through its own root):
-    changes made here go through its overlay mount, unlike changes made
-    behind it in the sandbox's upper directory."""
+    """A device path through the running daemon's own root (seen by its overlay)."""
     return f"/proc/{daemon.pid}/root{device_path}"
+
+
+def register(daemon, name, port=80, ip="127.0.0.1"):
+    body = f'{{"method": "register", "name": "{name}", "ip": "{ip}", "port": {port}}}'
+    return daemon.request("POST", SVCMGR, body).body

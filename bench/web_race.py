@@ -1,7 +1,6 @@
 """A writer inside the web home directory that keeps swapping a directory
 and a symlink to a directory outside it, under the same name, while pages
-below that name are requested. Used by test_monitor_web.py (a few hundred
-tries) and bench/web_bench.py (20,000)."""
+below that name are requested, for bench/web_bench.py."""
 import ctypes
 import multiprocessing
 import os
