@@ -43,7 +43,9 @@ def test_methods_runs_and_stop_while_a_script_runs(sandbox):
     for count, method in enumerate(("start", "fdr_restart", "stop"), start=1):
         assert post(daemon, f'{{"method": "{method}"}}') == OK
         assert wait_for(lambda: len(outcomes(daemon)) == count)
-    assert wait_for(lambda: len(shells(daemon.pid)) == 1)
+    # The stop script is killed once it has noted its call.
+    assert wait_for(lambda: len(shells(daemon.pid)) == 1 and sandbox.exists(CALLS)
+                    and len(sandbox.read(CALLS).splitlines()) == 3)
     os.kill(shells(daemon.pid)[0], signal.SIGKILL)
     assert post(daemon, '{"method": "restart"}') == OK
     assert wait_for(lambda: outcomes(daemon) == [

@@ -1,7 +1,6 @@
 // registry_test.cpp - the registry file where tests/blackbox cannot reach:
 // loading tests/fixtures/registry, the one-write rewrite and a full disk
-// (seen through an interposed write and fstatvfs), a FIFO or symlink at its
-// path, memory running out. Runs in the sandbox (its fixed path is scratch).
+// (seen through an interposed write and fstatvfs), memory running out. Runs in the sandbox (its fixed path is scratch).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -174,23 +173,6 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
         svc_info_init();
         EXPECT_EQ(full ? "" : content, registry_text());
     }
-}
-
-// A FIFO nobody reads (which must not block) or a symlink at the path is
-// left alone; the first change after it is gone writes the whole registry.
-TEST_F(registry_test, FifoOrSymlinkAtThePathIsLeftAlone) {
-    const char target[] = "/tmp/planted_target";
-    for (bool fifo : {true, false}) {
-        reset();
-        write_file(target, "precious\n");
-        ASSERT_EQ(0, fifo ? mkfifo(REGISTRY_FILE_PATH, 0644) : symlink(target, REGISTRY_FILE_PATH));
-        EXPECT_EQ(SVC_INFO_OK, add("a", "10.0.0.1"));
-        EXPECT_EQ("precious\n", read_file(target));
-        ASSERT_EQ(0, unlink(REGISTRY_FILE_PATH));
-        add("b", "10.0.0.2");
-        EXPECT_EQ("a,10.0.0.1,1\nb,10.0.0.2,1\n", read_file(REGISTRY_FILE_PATH));
-    }
-    std::remove(target);
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails
