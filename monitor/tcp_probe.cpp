@@ -209,17 +209,12 @@ void close_all(const std::vector<connect_attempt>& flight) {
 }
 
 // Makes a finished check's socket ready for another connect: disconnecting
-// sends the reset of a connected socket and ends a pending connect; the
-// error that ending a pending connect leaves is read away.
+// sends the reset of a connected socket and ends a pending connect (the
+// error that leaves behind is cleared by the next connect).
 bool ready_for_reuse(int fd) {
     sockaddr unspecified = {};
     unspecified.sa_family = AF_UNSPEC;
-    if (connect(fd, &unspecified, sizeof unspecified) != 0) {
-        return false;
-    }
-    int error = 0;
-    socklen_t size = sizeof error;
-    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0;
+    return connect(fd, &unspecified, sizeof unspecified) == 0;
 }
 
 }  // namespace
