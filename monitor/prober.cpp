@@ -170,7 +170,7 @@ void log_full_round(std::size_t services, long long elapsed_ms) {
 }
 
 // One round over the registry; false when the prober is to stop.
-bool run_round(bool only_unchecked) {
+bool run_round(bool only_unchecked, probe_sockets& sockets) {
     const long long started = monotonic_ms();
     svc_info_entry_list entries;
     svc_info_list(entries);
@@ -181,7 +181,7 @@ bool run_round(bool only_unchecked) {
         targets.push_back(job.target);
     }
     std::vector<probe_result> results;
-    if (!probe_targets(targets, round_limits(), wake_pipe[0], results)) {
+    if (!probe_targets(targets, round_limits(), wake_pipe[0], results, &sockets)) {
         return false;
     }
     record(jobs, results);
@@ -199,7 +199,7 @@ bool stop_requested_within(long long ms) {
 
 // Until the next round is due: checks new and changed services as soon as
 // the registry's change counter moves. False when the prober is to stop.
-bool wait_for_round(long long due_ms, unsigned long long* generation) {
+bool wait_for_round(long long due_ms, unsigned long long* generation, probe_sockets& sockets) {
     for (long long now = monotonic_ms(); now < due_ms; now = monotonic_ms()) {
         if (stop_requested_within(std::min<long long>(due_ms - now, REGISTRY_TICK_MS))) {
             return false;
@@ -207,7 +207,7 @@ bool wait_for_round(long long due_ms, unsigned long long* generation) {
         unsigned long long current = svc_info_generation();
         if (current != *generation) {
             *generation = current;
-            if (!run_round(true)) {
+            if (!run_round(true, sockets)) {
                 return false;
             }
         }
@@ -215,12 +215,15 @@ bool wait_for_round(long long due_ms, unsigned long long* generation) {
     return true;
 }
 
+// The checks' sockets are kept from round to round and closed when the
+// thread ends.
 void prober_main() {
+    probe_sockets sockets;
     for (;;) {
         const long long round_start = monotonic_ms();
         unsigned long long generation = svc_info_generation();
-        if (!run_round(false) ||
-            !wait_for_round(round_start + period_ms(), &generation)) {
+        if (!run_round(false, sockets) ||
+            !wait_for_round(round_start + period_ms(), &generation, sockets)) {
             return;
         }
     }

@@ -1,10 +1,12 @@
-// tcp_probe.cpp - parallel TCP connect checks with one poll loop.
+// tcp_probe.cpp - parallel TCP connect checks with one poll loop, and the
+// sockets kept between checks.
 // Every socket is non-blocking and close-on-exec (an init script started
-// meanwhile never inherits one) and lives only inside one call. A connect
-// that completes is closed at once with a reset (linger 0): the check
-// leaves no TIME_WAIT socket behind (a thousand services checked every
-// second would otherwise keep tens of thousands of them) and costs the
-// device half the packets. Stateless: no globals, no lock.
+// meanwhile never inherits one). A connect that completes is ended at once
+// with a reset, by disconnecting the socket for its next check or by a
+// close with linger 0: the check leaves no TIME_WAIT socket behind (a
+// thousand services checked every second would otherwise keep tens of
+// thousands of them) and costs the device half the packets. No globals, no
+// lock: a probe_sockets belongs to the thread that uses it.
 #include "monitor/tcp_probe.h"
 
 #include <arpa/inet.h>
@@ -25,6 +27,7 @@ constexpr long long MICROSECONDS_PER_MILLISECOND = 1000;
 
 struct connect_attempt {
     int fd;
+    int family;
     std::size_t index;
     long long started_us;
     long long deadline_us;
@@ -104,10 +107,23 @@ void set_reachable(probe_result& result, long long started_us, long long now_us)
     result.error = "";
 }
 
+// One call's share of work: its limits, its sockets and its results.
+struct probe_round {
+    const probe_limits& limits;
+    probe_sockets& sockets;
+    std::vector<probe_result>& results;
+};
+
+// Hands a finished check's socket back for later checks.
+void end_check(probe_round& round, const connect_attempt& attempt, bool connected) {
+    round.sockets.give_back(attempt.fd, attempt.family, connected, round.limits.window);
+}
+
 // Starts the connect of targets[index]. True when it is in flight (then
 // `attempt` holds it); false when its result is already known.
-bool start_connect(const probe_target& target, std::size_t index, int timeout_ms,
-                   connect_attempt* attempt, std::vector<probe_result>& results) {
+bool start_connect(const probe_target& target, std::size_t index, probe_round& round,
+                   connect_attempt* attempt) {
+    std::vector<probe_result>& results = round.results;
     sockaddr_storage address;
     socklen_t length = 0;
     if (!numeric_address(target.ip, target.port, &address, &length)) {
@@ -118,27 +134,29 @@ bool start_connect(const probe_target& target, std::size_t index, int timeout_ms
         set_failed(results[index], PROBE_INVALID_PORT);
         return false;
     }
-    int fd = socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int fd = round.sockets.take(address.ss_family);
     if (fd < 0) {
         set_failed(results[index], connect_error_text(errno));
         return false;
     }
     long long started = monotonic_us();
+    *attempt = {fd, address.ss_family, index, started,
+                started + round.limits.timeout_ms * MICROSECONDS_PER_MILLISECOND};
     int error = connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
     if (error != EINPROGRESS) {
         error == 0 ? set_reachable(results[index], started, monotonic_us())
                    : set_failed(results[index], connect_error_text(error));
-        close_check(fd, error == 0);
+        end_check(round, *attempt, error == 0);
         return false;
     }
-    *attempt = {fd, index, started, started + timeout_ms * MICROSECONDS_PER_MILLISECOND};
     return true;
 }
 
 // The outcome of a connect that poll reported: writable alone means
 // connected; with an error or hang-up, SO_ERROR tells why it failed.
-void finish_reported(const connect_attempt& attempt, short revents, long long now_us,
-                     std::vector<probe_result>& results) {
+void finish_reported(probe_round& round, const connect_attempt& attempt, short revents,
+                     long long now_us) {
+    std::vector<probe_result>& results = round.results;
     int error = 0;
     if (revents != POLLOUT) {
         socklen_t size = sizeof error;
@@ -150,7 +168,7 @@ void finish_reported(const connect_attempt& attempt, short revents, long long no
     }
     error == 0 ? set_reachable(results[attempt.index], attempt.started_us, now_us)
                : set_failed(results[attempt.index], connect_error_text(error));
-    close_check(attempt.fd, error == 0);
+    end_check(round, attempt, error == 0);
 }
 
 // Milliseconds until the nearest deadline (rounded up), at least 0.
@@ -167,15 +185,15 @@ int poll_timeout_ms(const std::vector<connect_attempt>& flight, long long now_us
 
 // Settles every attempt that poll reported or whose time is up; the rest
 // stay in flight. fds[i] belongs to flight[i].
-void settle(std::vector<connect_attempt>& flight, const std::vector<pollfd>& fds,
-            std::vector<probe_result>& results) {
+void settle(probe_round& round, std::vector<connect_attempt>& flight,
+            const std::vector<pollfd>& fds) {
     long long now = monotonic_us();
     for (std::size_t i = flight.size(); i-- > 0;) {
         if (fds[i].revents != 0) {
-            finish_reported(flight[i], fds[i].revents, now, results);
+            finish_reported(round, flight[i], fds[i].revents, now);
         } else if (now >= flight[i].deadline_us) {
-            set_failed(results[flight[i].index], PROBE_TIMED_OUT);
-            close_check(flight[i].fd, false);
+            set_failed(round.results[flight[i].index], PROBE_TIMED_OUT);
+            end_check(round, flight[i], false);
         } else {
             continue;
         }
@@ -190,18 +208,59 @@ void close_all(const std::vector<connect_attempt>& flight) {
     }
 }
 
+// Makes a finished check's socket ready for another connect: disconnecting
+// sends the reset of a connected socket and ends a pending connect (the
+// error that leaves behind is cleared by the next connect).
+bool ready_for_reuse(int fd) {
+    sockaddr unspecified = {};
+    unspecified.sa_family = AF_UNSPEC;
+    return connect(fd, &unspecified, sizeof unspecified) == 0;
+}
+
 }  // namespace
 
+probe_sockets::~probe_sockets() {
+    for (const std::vector<int>* idle : {&idle_v4, &idle_v6}) {
+        for (int fd : *idle) {
+            close(fd);
+        }
+    }
+}
+
+std::vector<int>& probe_sockets::idle_of(int family) {
+    return family == AF_INET6 ? idle_v6 : idle_v4;
+}
+
+int probe_sockets::take(int family) {
+    std::vector<int>& idle = idle_of(family);
+    if (idle.empty()) {
+        return socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    int fd = idle.back();
+    idle.pop_back();
+    return fd;
+}
+
+void probe_sockets::give_back(int fd, int family, bool connected, std::size_t keep) {
+    if (idle_v4.size() + idle_v6.size() < keep && ready_for_reuse(fd)) {
+        idle_of(family).push_back(fd);
+        return;
+    }
+    close_check(fd, connected);
+}
+
 bool probe_targets(const std::vector<probe_target>& targets, const probe_limits& limits,
-                   int stop_fd, std::vector<probe_result>& results) {
+                   int stop_fd, std::vector<probe_result>& results, probe_sockets* kept) {
     results.assign(targets.size(), probe_result());
+    probe_sockets own;
+    probe_round round = {limits, kept != nullptr ? *kept : own, results};
     std::vector<connect_attempt> flight;
     std::vector<pollfd> fds;
     std::size_t next = 0;
     for (;;) {
         while (next < targets.size() && flight.size() < limits.window) {
             connect_attempt attempt;
-            if (start_connect(targets[next], next, limits.timeout_ms, &attempt, results)) {
+            if (start_connect(targets[next], next, round, &attempt)) {
                 flight.push_back(attempt);
             }
             ++next;
@@ -222,6 +281,6 @@ bool probe_targets(const std::vector<probe_target>& targets, const probe_limits&
             close_all(flight);
             return false;
         }
-        settle(flight, fds, results);
+        settle(round, flight, fds);
     }
 }

@@ -48,12 +48,19 @@ TEST(ProbeTargets, EveryOutcomeWhateverTheWindow) {
     };
     const char* const errors[] = {"", "", "connection refused", PROBE_TIMED_OUT, PROBE_NOT_NUMERIC, PROBE_NOT_NUMERIC,
                                   PROBE_NOT_NUMERIC, PROBE_INVALID_PORT, PROBE_INVALID_PORT};
+    // Sockets kept from checks of every outcome serve the next checks (the
+    // list again, backwards): each gives its own true outcome.
+    probe_sockets kept;
     for (std::size_t window : {std::size_t{1}, targets.size()}) {
-        std::vector<probe_result> results;
-        ASSERT_TRUE(probe_targets(targets, {300, window}, -1, results));
-        for (std::size_t i = 0; i < targets.size(); ++i) {
-            EXPECT_STREQ(errors[i], results[i].error) << targets[i].ip << " " << targets[i].port;
-            EXPECT_EQ(*results[i].error == '\0', results[i].reachable) << targets[i].ip;
+        for (bool backwards : {false, true}) {
+            std::vector<probe_result> results;
+            const std::vector<probe_target> order(targets.rbegin(), targets.rend());
+            ASSERT_TRUE(probe_targets(backwards ? order : targets, {300, window}, -1, results, &kept));
+            for (std::size_t at = 0; at < targets.size(); ++at) {
+                const std::size_t i = backwards ? targets.size() - 1 - at : at;
+                EXPECT_STREQ(errors[i], results[at].error) << targets[i].ip << " " << targets[i].port;
+                EXPECT_EQ(*results[at].error == '\0', results[at].reachable) << targets[i].ip;
+            }
         }
     }
     int wake[2];
