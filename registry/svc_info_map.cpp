@@ -15,6 +15,8 @@
 // add or delete that changed the registry still completes.
 #include "registry/svc_info_map.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -273,6 +275,22 @@ void rewrite_registry_file(int fd) {
     }
 }
 
+// The registry file opened for reading, or null. Anything but a regular
+// file counts as missing: start-up never blocks on a FIFO nor reads a
+// device reached through a symbolic link without end.
+FILE* open_for_restore() {
+    int fd = open(REGISTRY_FILE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat info;
+    FILE* file = nullptr;
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        file = fdopen(fd, "r");
+    }
+    if (file == nullptr && fd >= 0) {
+        close(fd);
+    }
+    return file;
+}
+
 }  // namespace
 
 int svc_info_add(const std::string& name, const svc_info& info) {
@@ -391,7 +409,7 @@ void svc_info_write_back() {
 
 void svc_info_restore() {
     print_log(DEBUG, "%s:%s(%d)\n", SOURCE_NAME, "svc_info_restore", RESTORE_LINE);
-    FILE* file = fopen(REGISTRY_FILE_PATH, "r");
+    FILE* file = open_for_restore();
     if (file == nullptr) {
         print_log(WARN, "%s:%s(%d) %s does not exist.\n", SOURCE_NAME, "svc_info_restore",
                   RESTORE_MISSING_LINE, REGISTRY_FILE_PATH);

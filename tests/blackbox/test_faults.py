@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from harness import OK, REGISTRY_FILE, SVCMGR, deadline, device_path_of, register, wait_for
+from harness import OK, REGISTRY_FILE, SVCMGR, deadline, register, wait_for
 
 SEED = [f"s{index:03d},10.2.0.{index},{index}" for index in range(100)]
 
@@ -17,8 +17,10 @@ SEED = [f"s{index:03d},10.2.0.{index},{index}" for index in range(100)]
 @pytest.mark.parametrize("plant, error", [(lambda path: os.symlink("/tmp/target", path), 40),
                                           (lambda path: os.mkfifo(path), 6)])
 def test_symlink_or_fifo_at_the_registry_path_is_left_alone(sandbox, plant, error):
-    daemon = sandbox.start().wait_ready()
-    plant(device_path_of(daemon, REGISTRY_FILE))
+    os.makedirs(sandbox.path("/tmp"))
+    plant(sandbox.path(REGISTRY_FILE))
+    daemon = sandbox.start("-v", "1").wait_ready()
+    assert f"{REGISTRY_FILE} does not exist." in daemon.stderr_text()
     assert register(daemon, "svcA") == OK
     assert daemon.stop() == 0
     assert not sandbox.exists("/tmp/target") and os.path.lexists(sandbox.path(REGISTRY_FILE))
