@@ -1,6 +1,7 @@
 """Service control: each method runs its init script (fakes in the
 sandbox), the runs are listed with their outcome, and SIGINT stops the
 daemon while a script still runs."""
+import contextlib
 import json
 import os
 import signal
@@ -30,8 +31,11 @@ def outcomes(daemon):
 
 
 def shells(pid):
-    return [int(child) for task in os.listdir(f"/proc/{pid}/task")
-            for child in open(f"/proc/{pid}/task/{task}/children").read().split()]
+    found = []
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with contextlib.suppress(FileNotFoundError):  # a thread that ended meanwhile
+            found += [int(child) for child in open(f"/proc/{pid}/task/{task}/children").read().split()]
+    return found
 
 
 def test_methods_runs_and_stop_while_a_script_runs(sandbox):
