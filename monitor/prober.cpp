@@ -47,6 +47,11 @@ constexpr long long MAX_CHECK_MS = 2000;
 constexpr long long ROUND_MARGIN_MS = 50;
 constexpr long long MILLISECONDS_PER_SECOND = 1000;
 constexpr int REGISTRY_TICK_MS = 250;
+// Checks' sockets are kept from round to round only when rounds come this
+// often at least: then they spare the kernel most of a check's cost. With
+// longer periods each round makes its own, and no descriptor is held
+// between rounds.
+constexpr long long KEEP_SOCKETS_MAX_PERIOD_MS = 2000;
 // Connects in flight at once: a quarter of the descriptor limit (the rest
 // stays for the server's connections and files), within these bounds.
 constexpr std::size_t DESCRIPTOR_SHARE = 4;
@@ -181,7 +186,8 @@ bool run_round(bool only_unchecked, probe_sockets& sockets) {
         targets.push_back(job.target);
     }
     std::vector<probe_result> results;
-    if (!probe_targets(targets, round_limits(), wake_pipe[0], results, &sockets)) {
+    probe_sockets* kept = period_ms() <= KEEP_SOCKETS_MAX_PERIOD_MS ? &sockets : nullptr;
+    if (!probe_targets(targets, round_limits(), wake_pipe[0], results, kept)) {
         return false;
     }
     record(jobs, results);
@@ -215,7 +221,7 @@ bool wait_for_round(long long due_ms, unsigned long long* generation, probe_sock
     return true;
 }
 
-// The checks' sockets are kept from round to round and closed when the
+// The checks' sockets, when kept from round to round, are closed when the
 // thread ends.
 void prober_main() {
     probe_sockets sockets;
