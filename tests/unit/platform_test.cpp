@@ -1,7 +1,9 @@
 // The device libraries' stand-ins and the server's parts: debug log, crash
 // handler, utility helpers, relay pool, connection guard, request/response
 // layer and resource table. Files go to a fresh working directory.
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -165,6 +167,36 @@ TEST_F(Platform, RelayPoolRunsAtMostItsWorkersQueuesAtMostItsQueueAndIdleWorkers
     relay_pool_stop();
     submit(1);
     EXPECT_EQ(jobs.refused_here, 4u);
+}
+
+// While set, no thread can be made (pthread_create is interposed).
+std::atomic<bool> threads_refused{false};
+
+}  // namespace
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*start)(void*), void* argument) {
+    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return threads_refused ? EAGAIN : real(thread, attributes, start, argument);
+}
+
+namespace {
+
+// A job that no worker can run is refused at once and leaves nothing in
+// the queue: the next job runs, alone.
+TEST_F(Platform, RelayPoolRefusesAJobWhenNoWorkerCanBeMade) {
+    job_counts jobs;
+    jobs.gate.set_value();
+    relay_pool_start();
+    poll_until([] { return relay_pool_worker_count() == 0; });
+    threads_refused = true;
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
+    threads_refused = false;
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
+    poll_until([&jobs] { return jobs.finished == 1; });
+    relay_pool_stop();
+    EXPECT_EQ(jobs.refused_here + jobs.finished, 2u);
+    EXPECT_EQ(jobs.refused_here, 1u);
 }
 
 // Past 7/8 of the limit, the connections that have waited longest for a
