@@ -18,6 +18,7 @@ def daemon(module_sandbox):
 # Walked in order against one daemon: method, path, body, status, reply.
 WALK = [
     ("POST", SVCMGR, REGISTER_A, 200, OK),
+    ("POST", SVCMGR, REGISTER_A, 200, OK),
     ("GET", SVCMGR + "?method=get_info&name=svcA", None, 200,
      b'{ "return": 0, "name": "svcA", "ip": "10.0.0.7", "port": 80 }'),
     ("GET", SVCMGR + "?method=get_info&name=nobody", None, 200,
@@ -55,6 +56,8 @@ def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbo
     assert module_sandbox.read(REGISTRY_FILE) == b"svcA,10.0.0.7,80\n"
     assert (f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
             in daemon.stderr_text())
+    assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
+        daemon.stderr_text())
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK

@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,7 +18,6 @@
 #include <thread>
 
 #include "platform/common_http_resource.h"
-#include "platform/connection_guard.h"
 #include "platform/diagnosis.h"
 #include "platform/dlog.h"
 #include "platform/relay_pool.h"
@@ -197,34 +195,6 @@ TEST_F(Platform, RelayPoolRefusesAJobWhenNoWorkerCanBeMade) {
     relay_pool_stop();
     EXPECT_EQ(jobs.refused_here + jobs.finished, 2u);
     EXPECT_EQ(jobs.refused_here, 1u);
-}
-
-// Past 7/8 of the limit, the connections that have waited longest for a
-// request are shut down, down to 3/4 of it; never one being handled.
-TEST_F(Platform, ConnectionGuardShutsTheLongestWaitingDownWhenTheLimitNears) {
-    constexpr unsigned LIMIT = 16, EVICT_ABOVE = LIMIT * 7 / 8, BUSY = EVICT_ABOVE - 3;
-    ASSERT_TRUE(connection_guard_start(LIMIT));
-    int pairs[EVICT_ABOVE + 1][2];
-    guarded_connection* guarded[EVICT_ABOVE + 1];
-    for (unsigned i = 0; i <= EVICT_ABOVE; ++i) {
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[i]), 0);
-        if (i == EVICT_ABOVE) {  // the newest has waited visibly less long
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        guarded[i] = connection_guard_opened(pairs[i][0]);
-        if (i < BUSY) {
-            connection_guard_request_received(guarded[i]);
-        }
-    }
-    for (unsigned i = 0; i <= EVICT_ABOVE; ++i) {
-        char byte;
-        const bool shut = recv(pairs[i][1], &byte, 1, MSG_DONTWAIT) == 0;
-        EXPECT_EQ(shut, i >= BUSY && i < EVICT_ABOVE) << i;
-        connection_guard_closed(guarded[i]);
-        close(pairs[i][0]);
-        close(pairs[i][1]);
-    }
-    connection_guard_stop();
 }
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {

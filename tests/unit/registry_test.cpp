@@ -112,15 +112,6 @@ struct registry_test : testing::Test {
     }
 };
 
-TEST_F(registry_test, SecondAddOfANameIsLoggedAsSuch) {
-    add("a", "10.0.0.1");
-    verbose_level = WARN;
-    testing::internal::CaptureStderr();
-    add("a", "10.0.0.1");
-    EXPECT_EQ("Already exists, check content : a\n    Identical content, do nothing\n",
-              testing::internal::GetCapturedStderr());
-}
-
 // What start-up loads, shutdown writes back.
 TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     const std::pair<const char*, std::string> cases[] = {
