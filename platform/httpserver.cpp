@@ -1,11 +1,12 @@
 // httpserver.cpp - the request and response objects that handlers see, and
 // how a response becomes a libmicrohttpd response.
-// No shared state: a request belongs to the listener thread that handles it,
-// a response to the one request that made it. A string_response hands its
-// body to libmicrohttpd without a copy, so the server keeps the response
-// object alive until the request is complete; its bytes are immutable and
-// may be shared with other responses (the shared pointer's count is the
-// only thing they touch together).
+// A request belongs to the listener thread that handles it. A response may
+// be sent by several requests at once: its libmicrohttpd response is built
+// once under its raw_made flag and then only read (libmicrohttpd counts
+// the requests that send it under its own lock). A string_response hands
+// its body to libmicrohttpd without a copy, so the server keeps the
+// response object alive until each request that sends it is complete; its
+// bytes are immutable and may be shared with other responses.
 #include "platform/httpserver.h"
 
 #include <microhttpd.h>
@@ -54,7 +55,21 @@ http_response::http_response(int code, const std::string& content_type)
     }
 }
 
-http_response::~http_response() = default;
+http_response::~http_response() {
+    if (raw != nullptr) {
+        MHD_destroy_response(raw);
+    }
+}
+
+MHD_Response* http_response::raw_response() {
+    std::call_once(raw_made, [this] {
+        raw = get_raw_response();
+        if (raw != nullptr) {
+            decorate_response(raw);
+        }
+    });
+    return raw;
+}
 
 MHD_Response* http_response::get_raw_response() {
     return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);

@@ -2,14 +2,17 @@
 // with the names of the device's HTTP server library, over libmicrohttpd.
 // A request object belongs to the one listener thread that handles it; a
 // response object is made by a handler and owned by shared pointers until
-// the request is complete (its raw response borrows the body). Nothing
-// here is shared between threads, except the immutable body bytes that
-// string_responses may share (see string_response).
+// every request that sends it is complete (its raw response borrows the
+// body). A response may be sent by several requests at once, on several
+// listener threads: its raw response is built once (raw_made guards it) and
+// the response is not changed after that. The body bytes of
+// string_responses are immutable and may be shared (see string_response).
 #ifndef MANAGER_SVC_HTTPSERVER_H
 #define MANAGER_SVC_HTTPSERVER_H
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 struct MHD_Connection;
@@ -58,9 +61,16 @@ class http_response {
 public:
     http_response(int response_code, const std::string& content_type);
     virtual ~http_response();
+    http_response(const http_response&) = delete;
+    http_response& operator=(const http_response&) = delete;
 
+    // The libmicrohttpd response to queue, made by get_raw_response and
+    // decorate_response on the first call and owned by this object, so that
+    // a reply sent by many requests is built once. Headers added after the
+    // first call are not sent. Null when libmicrohttpd could not make it.
+    MHD_Response* raw_response();
     // Builds the libmicrohttpd response (body only; headers are added by
-    // decorate_response). The caller destroys it.
+    // decorate_response). The caller owns it.
     virtual MHD_Response* get_raw_response();
     // Adds every header of the header map to the raw response.
     virtual void decorate_response(MHD_Response* raw);
@@ -75,6 +85,8 @@ public:
 private:
     int response_code;
     header_map headers;
+    std::once_flag raw_made;
+    MHD_Response* raw = nullptr;  // set once, under raw_made
 };
 
 // The body is held behind a shared pointer to immutable bytes, so several

@@ -195,13 +195,12 @@ MHD_Result send_response(MHD_Connection* connection, request_state* state,
     if (!response) {
         return queue_plain(connection, HANDLER_FAILED);
     }
-    raw_response_ptr raw(response->get_raw_response());
-    if (!raw) {
+    MHD_Response* raw = response->raw_response();
+    if (raw == nullptr) {
         return queue_plain(connection, HANDLER_FAILED);
     }
-    response->decorate_response(raw.get());
     state->response = std::move(response);
-    return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
+    return state->response->enqueue_response(connection, raw) == MHD_YES ? MHD_YES : MHD_NO;
 }
 
 // The handler's reply, or null when it failed.
