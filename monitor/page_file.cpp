@@ -91,21 +91,21 @@ bool settled(const page_identity& identity) {
     return now.tv_sec - identity.changed.tv_sec >= SETTLED_SECONDS;
 }
 
-// The bytes of this very version of the file, checked against this home
-// directory, when a reply or the table still holds them.
-std::shared_ptr<const std::string> find_shared_bytes(const page_identity& identity,
-                                                     const std::string& real_home) {
+// The bytes of this very version of the file (page->identity), checked
+// against this home directory, when a reply or the table still holds them.
+bool find_shared_bytes(const std::string& real_home, page_file* page) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     for (page_entry& entry : page_table) {
-        if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
-            std::shared_ptr<const std::string> bytes = entry.in_use.lock();
-            if (bytes) {
+        if (same_page_version(entry.identity, page->identity) && entry.checked_home == real_home) {
+            page->bytes = entry.in_use.lock();
+            page->kept = page->bytes && page->bytes == entry.kept;
+            if (page->bytes) {
                 entry.last_use = ++page_table_clock;
             }
-            return bytes;
+            return page->bytes != nullptr;
         }
     }
-    return nullptr;
+    return false;
 }
 
 // The entry for this file: its own (any version), a new one while there is
@@ -132,25 +132,24 @@ page_entry& entry_for(const page_identity& identity) {
     return *oldest;
 }
 
-// Stores freshly read bytes; when another request stored the same version
-// meanwhile, its bytes are used instead, so one copy is sent by all.
-std::shared_ptr<const std::string> share_bytes(const page_identity& identity,
-                                               const std::string& real_home,
-                                               std::shared_ptr<const std::string> bytes) {
+// Stores freshly read bytes (page->bytes); when another request stored the
+// same version meanwhile, its bytes are used instead, so one copy is sent
+// by all.
+void share_bytes(const std::string& real_home, page_file* page) {
     std::lock_guard<std::mutex> hold(page_table_lock);
-    page_entry& entry = entry_for(identity);
-    if (same_page_version(entry.identity, identity) && entry.checked_home == real_home) {
-        std::shared_ptr<const std::string> stored = entry.in_use.lock();
-        if (stored) {
-            return stored;
-        }
+    page_entry& entry = entry_for(page->identity);
+    std::shared_ptr<const std::string> stored = entry.in_use.lock();
+    if (!stored || !same_page_version(entry.identity, page->identity) ||
+        entry.checked_home != real_home) {
+        entry.identity = page->identity;
+        entry.checked_home = real_home;
+        entry.in_use = page->bytes;
+        entry.kept = page->identity.size <= KEPT_PAGE_SIZE ? page->bytes : nullptr;
+        stored = page->bytes;
     }
-    entry.identity = identity;
-    entry.checked_home = real_home;
-    entry.in_use = bytes;
-    entry.kept = identity.size <= KEPT_PAGE_SIZE ? bytes : nullptr;
     entry.last_use = ++page_table_clock;
-    return bytes;
+    page->bytes = stored;
+    page->kept = stored == entry.kept;
 }
 
 // The path of the opened file as the kernel names it lies inside real_home.
@@ -183,31 +182,32 @@ std::shared_ptr<std::string> read_bytes(int fd, off_t size) {
 
 // Reads the file behind the checked O_PATH descriptor (the same file, not
 // the same name) and shares its bytes when it was left unchanged meanwhile.
-// *identity becomes that of the file as read. Null when it cannot be read.
-std::shared_ptr<const std::string> read_checked_file(int path_fd, const std::string& real_home,
-                                                     page_identity* identity) {
+// page->identity becomes that of the file as read. False when it cannot be
+// read.
+bool read_checked_file(int path_fd, const std::string& real_home, page_file* page) {
     char link[32];
     snprintf(link, sizeof link, "/proc/self/fd/%d", path_fd);
     // O_NONBLOCK and O_NOCTTY are belts and braces: the file is known to be
     // a regular file.
     int fd = open(link, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-        return nullptr;
+        return false;
     }
     fd_closer closer(fd);
     struct stat before;
     if (fstat(fd, &before) != 0 || !servable_kind(before) ||
-        !same_file(identity_of(before), *identity)) {
-        return nullptr;
+        !same_file(identity_of(before), page->identity)) {
+        return false;
     }
-    *identity = identity_of(before);
-    std::shared_ptr<const std::string> bytes = read_bytes(fd, before.st_size);
+    page->identity = identity_of(before);
+    page->bytes = read_bytes(fd, before.st_size);
+    page->kept = false;
     struct stat after;
-    if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), *identity) &&
-        settled(*identity)) {
-        return share_bytes(*identity, real_home, std::move(bytes));
+    if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), page->identity) &&
+        settled(page->identity)) {
+        share_bytes(real_home, page);
     }
-    return bytes;
+    return true;
 }
 
 // Fast path: the name leads to a version of a file whose bytes the table
@@ -218,32 +218,30 @@ std::shared_ptr<const std::string> read_checked_file(int path_fd, const std::str
 // inside the home directory cannot make an outside file carry the identity
 // of a file that was inside. Bytes checked against another home directory
 // do not count.
-std::shared_ptr<const std::string> bytes_of_known_version(const std::string& real_home,
-                                                          const std::string& abs_path,
-                                                          page_identity* identity) {
+bool bytes_of_known_version(const std::string& real_home, const std::string& abs_path,
+                            page_file* page) {
     struct stat info;
     if (stat(abs_path.c_str(), &info) != 0 || !servable_kind(info)) {
-        return nullptr;
+        return false;
     }
-    *identity = identity_of(info);
-    return find_shared_bytes(*identity, real_home);
+    page->identity = identity_of(info);
+    return find_shared_bytes(real_home, page);
 }
 
 // Slow path: opens and checks the file itself, then reads it.
-std::shared_ptr<const std::string> bytes_of_checked_file(const std::string& real_home,
-                                                         const std::string& abs_path,
-                                                         page_identity* identity) {
+bool bytes_of_checked_file(const std::string& real_home, const std::string& abs_path,
+                           page_file* page) {
     int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
     if (path_fd < 0) {
-        return nullptr;
+        return false;
     }
     fd_closer closer(path_fd);
     struct stat info;
     if (fstat(path_fd, &info) != 0 || !servable_kind(info) || !opened_inside(path_fd, real_home)) {
-        return nullptr;
+        return false;
     }
-    *identity = identity_of(info);
-    return read_checked_file(path_fd, real_home, identity);
+    page->identity = identity_of(info);
+    return read_checked_file(path_fd, real_home, page);
 }
 
 }  // namespace
@@ -265,15 +263,11 @@ bool open_page_file(const std::string& real_home, const std::string& abs_path, p
     if (real_home.empty()) {
         return false;
     }
-    page_identity identity;
-    std::shared_ptr<const std::string> bytes = bytes_of_known_version(real_home, abs_path, &identity);
-    if (!bytes) {
-        bytes = bytes_of_checked_file(real_home, abs_path, &identity);
-    }
-    if (!bytes) {
+    page_file found;
+    if (!bytes_of_known_version(real_home, abs_path, &found) &&
+        !bytes_of_checked_file(real_home, abs_path, &found)) {
         return false;
     }
-    page->identity = identity;
-    page->bytes = std::move(bytes);
+    *page = std::move(found);
     return true;
 }

@@ -29,6 +29,10 @@ struct page_identity {
 struct page_file {
     page_identity identity;
     std::shared_ptr<const std::string> bytes;  // immutable; shared with other replies
+    // The table keeps these very bytes between requests (a small page,
+    // unchanged for a while): the same pointer comes back until the file
+    // changes or the table drops it.
+    bool kept = false;
 };
 
 // Opens abs_path (symlinks followed) without reading it, checks the file

@@ -2,7 +2,9 @@
 // Owns g_svcmon_home_path and its resolved form g_real_home_path: written by
 // svcmon_set_home_path on the main thread before the server starts,
 // read-only afterwards (no lock). Every request has its own texts and
-// descriptors; page bytes are shared through page_file (its own lock).
+// descriptors; page bytes are shared through page_file (its own lock), and
+// the replies made for the pages that its table keeps are shared through
+// prepared_pages (prepared_pages_lock).
 //
 // What is served: only regular files of at most WEB_MAX_FILE_SIZE bytes
 // whose real path, taken from the opened file itself, lies inside the real
@@ -24,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "common/calendar_names.h"
 #include "common/print_log.h"
@@ -156,23 +159,81 @@ bool find_page(const std::string& related_path, const std::string& abs_path, pag
     return open_page_file(real_path_of(g_svcmon_home_path), abs_path, page);
 }
 
-// The validator texts of the page version that this thread served last
-// (each listener thread has its own): a page asked for again and again is
-// formatted once per thread and version.
-struct validator_texts {
-    page_identity identity;
+// Both replies for one version of a page served with one content type.
+// They never change once made, so every request for that version may send
+// the same reply objects.
+struct page_replies {
+    std::shared_ptr<const std::string> bytes;  // identifies the version
+    const char* content_type = nullptr;
     std::string etag;
-    std::string last_modified;
+    std::shared_ptr<httpserver::http_response> full;
+    std::shared_ptr<httpserver::http_response> not_modified;
 };
-thread_local validator_texts t_last_validators;
 
-const validator_texts& validators_of(const page_identity& identity) {
-    if (!same_page_version(t_last_validators.identity, identity)) {
-        t_last_validators.identity = identity;
-        t_last_validators.etag = entity_tag(identity);
-        t_last_validators.last_modified = http_date(identity.modified.tv_sec);
+// The replies of the last pages served whose bytes the page table keeps,
+// so that a page asked for again and again costs no reply to be made (the
+// libmicrohttpd response with its headers is built once, too). Each holds
+// a kept page's bytes (at most 64 KiB), so at most 1 MiB is held; the
+// oldest entry is replaced first. prepared_pages_lock guards both.
+constexpr std::size_t PREPARED_PAGES = 16;
+std::mutex prepared_pages_lock;
+std::shared_ptr<const page_replies> prepared_pages[PREPARED_PAGES];
+std::size_t prepared_pages_next = 0;
+
+std::shared_ptr<const page_replies> make_replies(const page_file& page,
+                                                 const char* content_type) {
+    auto replies = std::make_shared<page_replies>();
+    replies->bytes = page.bytes;
+    replies->content_type = content_type;
+    replies->etag = entity_tag(page.identity);
+    replies->full = std::make_shared<httpserver::string_response>(page.bytes, HTTP_STATUS_OK,
+                                                                  content_type);
+    replies->not_modified =
+        std::make_shared<httpserver::string_response>("", HTTP_STATUS_NOT_MODIFIED, "");
+    const std::string last_modified = http_date(page.identity.modified.tv_sec);
+    for (httpserver::http_response* reply : {replies->full.get(), replies->not_modified.get()}) {
+        reply->with_header(HEADER_ETAG, replies->etag);
+        reply->with_header(HEADER_LAST_MODIFIED, last_modified);
+        reply->with_header(HEADER_CACHE_CONTROL, REVALIDATE_EACH_TIME);
     }
-    return t_last_validators;
+    return replies;
+}
+
+// The prepared replies for this page version and content type, or null.
+// prepared_pages_lock held.
+std::shared_ptr<const page_replies> find_prepared(const page_file& page,
+                                                  const char* content_type) {
+    for (const std::shared_ptr<const page_replies>& prepared : prepared_pages) {
+        if (prepared && prepared->bytes == page.bytes &&
+            strcmp(prepared->content_type, content_type) == 0) {
+            return prepared;
+        }
+    }
+    return nullptr;
+}
+
+// The replies for this page version and content type: the prepared ones
+// when the page table keeps the page (made here on the first request, out
+// of the lock), else new ones for this request.
+std::shared_ptr<const page_replies> replies_for(const page_file& page,
+                                                const char* content_type) {
+    if (!page.kept) {
+        return make_replies(page, content_type);
+    }
+    {
+        std::lock_guard<std::mutex> hold(prepared_pages_lock);
+        if (std::shared_ptr<const page_replies> prepared = find_prepared(page, content_type)) {
+            return prepared;
+        }
+    }
+    std::shared_ptr<const page_replies> replies = make_replies(page, content_type);
+    std::lock_guard<std::mutex> hold(prepared_pages_lock);
+    if (std::shared_ptr<const page_replies> prepared = find_prepared(page, content_type)) {
+        return prepared;  // made meanwhile by another request
+    }
+    prepared_pages[prepared_pages_next] = replies;
+    prepared_pages_next = (prepared_pages_next + 1) % PREPARED_PAGES;
+    return replies;
 }
 
 std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::string& str_url) {
@@ -193,18 +254,11 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
                                                       const page_file& page,
                                                       const std::string& abs_path) {
-    const validator_texts& validators = validators_of(page.identity);
-    std::shared_ptr<httpserver::string_response> reply;
-    if (web_page_unchanged(request, validators.etag, page.identity.modified.tv_sec)) {
-        reply = std::make_shared<httpserver::string_response>("", HTTP_STATUS_NOT_MODIFIED, "");
-    } else {
-        reply = std::make_shared<httpserver::string_response>(page.bytes, HTTP_STATUS_OK,
-                                                              web_content_type(abs_path));
+    std::shared_ptr<const page_replies> replies = replies_for(page, web_content_type(abs_path));
+    if (web_page_unchanged(request, replies->etag, page.identity.modified.tv_sec)) {
+        return replies->not_modified;
     }
-    reply->with_header(HEADER_ETAG, validators.etag);
-    reply->with_header(HEADER_LAST_MODIFIED, validators.last_modified);
-    reply->with_header(HEADER_CACHE_CONTROL, REVALIDATE_EACH_TIME);
-    return reply;
+    return replies->full;
 }
 
 }  // namespace

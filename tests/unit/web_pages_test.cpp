@@ -1,6 +1,6 @@
 // web_pages_test.cpp - the monitor's web pages: the ".." rule, the request
-// validators (ETag lists, HTTP dates) and one shared copy of an unchanged
-// page (what is served and refused is tested over HTTP in tests/blackbox).
+// validators (ETag lists, HTTP dates) and the prepared replies of unchanged
+// pages (what is served and refused is tested over HTTP in tests/blackbox).
 #include "monitor/web_pages.h"
 
 #include <gtest/gtest.h>
@@ -38,17 +38,23 @@ TEST(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     }
 }
 
-const std::string& content_of(const std::shared_ptr<httpserver::http_response>& reply) {
-    return dynamic_cast<const httpserver::string_response&>(*reply).get_content();
-}
-
-// The project's own pages have not changed for a while: replies share one
-// copy. The bare prefix leads to the start page.
-TEST(WebPages, RepliesShareOneCopyOfAnUnchangedPage) {
+// The project's own pages have not changed for a while: every request for
+// one of them gets the same prepared reply (the same bytes, the same
+// headers), and a client that has the page the same 304. The bare prefix
+// leads to the start page.
+TEST(WebPages, UnchangedPagesGetPreparedReplies) {
     svcmon_set_home_path(FIXTURE_DIR "/../../web");
-    auto first = serve("/index.html");
-    EXPECT_EQ(200, first->get_response_code());
-    EXPECT_EQ(content_of(first).data(), content_of(serve("/index.html")).data());
+    auto page = serve("/index.html");
+    auto script = serve("/app.js");
+    EXPECT_EQ(200, page->get_response_code());
+    EXPECT_EQ("application/javascript", script->get_header("Content-Type"));
+    EXPECT_EQ(page, serve("/index.html"));
+    EXPECT_EQ(script, serve("/app.js"));
+    const std::string tag = page->get_header("ETag");
+    auto not_modified = serve("/index.html", {{"If-None-Match", tag}});
+    EXPECT_EQ(304, not_modified->get_response_code());
+    EXPECT_EQ(tag, not_modified->get_header("ETag"));
+    EXPECT_EQ(not_modified, serve("/index.html", {{"If-None-Match", tag}}));
     EXPECT_EQ(WEB_START_PAGE, serve("/")->get_header("Location"));
 }
 
