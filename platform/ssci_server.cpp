@@ -49,6 +49,15 @@ constexpr unsigned WANTED_CONNECTIONS = 4096;
 constexpr rlim_t RESERVED_DESCRIPTORS = 512;
 // ... and each listener thread's event and wake-up descriptors.
 constexpr rlim_t DESCRIPTORS_PER_THREAD = 2;
+// Each connection's buffer for its request head, the reply's head and
+// reading (libmicrohttpd's default is 32 KiB). libmicrohttpd clears all of
+// it for every request, so a smaller one makes every request cheaper, and
+// it bounds the memory of a full connection table (96 MiB at 4096
+// connections). A request head of up to about 11 KiB fits (browsers and
+// services send far less; common servers refuse header lines over 8 KiB);
+// a longer one gets 431, or, within a few hundred bytes of the limit, its
+// connection is closed.
+constexpr intptr_t CONNECTION_BUFFER_BYTES = 24 * 1024;
 // Bytes of an over-long body (sent without a Content-Length) that are read
 // and thrown away before the 413; past this the connection is closed.
 constexpr std::size_t MAX_DISCARDED_BODY = 1024 * 1024;
@@ -437,6 +446,7 @@ long long ssci_server_start() {
         {MHD_OPTION_THREAD_POOL_SIZE, pool_size, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, CONNECTION_IDLE_SECONDS, nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(limit), nullptr},
+        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, CONNECTION_BUFFER_BYTES, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
     if (!connection_guard_start(limit)) {
