@@ -9,7 +9,8 @@
 // the same /proc entry. A directory swapped for a symlink between two steps
 // cannot bring a file from outside: the file checked is the file read.
 // A request for a version of a file whose checked bytes the table holds is
-// served from the table after one stat (see bytes_of_known_version).
+// served from the table after one stat (see bytes_of_known_version), or
+// with no stat at all while that version is trusted (see trust_version).
 //
 // Shared bytes: page_table maps a file's identity (device, inode, size,
 // modification and change times) to its immutable bytes. Every reply for
@@ -17,17 +18,29 @@
 // changed is read again at once. Pages of at most KEPT_PAGE_SIZE bytes are
 // kept in the table between requests; larger ones only as long as a reply
 // still sends them (a weak reference). page_table_lock guards page_table
-// and page_table_clock; it is held only for a look-up or a store.
+// and page_table_clock; it is held only for a look-up or a store, never
+// while page_watch adds watches or reads events.
+//
+// Trust: a kept page asked for by its real path is watched (page_watch.h),
+// and while the watch count stays as it was when the version was last
+// confirmed by a stat, no name on its way and nothing in the file has
+// changed, so its bytes are served without the stat (with a file system
+// mounted over the way, or a change that inotify does not see, such as one
+// made by another machine on a network file system, a stat is taken again
+// after TRUST_MS at the latest).
 #include "monitor/page_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <mutex>
 #include <vector>
+
+#include "monitor/page_watch.h"
 
 namespace {
 
@@ -38,6 +51,11 @@ constexpr std::size_t PAGE_TABLE_SIZE = 32;
 // within the same timestamp tick, leaving its identity as it was: its bytes
 // are not shared, so the next request reads the file again.
 constexpr time_t SETTLED_SECONDS = 2;
+// A trusted version is confirmed by a stat again after this long.
+constexpr long long TRUST_MS = 1000;
+// A page whose trust keeps being broken by changes (of any file in a
+// watched directory) is tried again at most this often.
+constexpr long long TRUST_RETRY_MS = 100;
 
 // Closes a descriptor when the scope ends.
 class fd_closer {
@@ -57,6 +75,12 @@ struct page_entry {
     std::weak_ptr<const std::string> in_use;  // while any reply sends the bytes
     std::shared_ptr<const std::string> kept;  // small pages only
     unsigned long long last_use = 0;
+    std::string real_path;  // the kernel's name of the checked file
+    // Served without a stat while the watch count is trusted_changes and
+    // the steady clock is before trusted_until_ms.
+    unsigned long long trusted_changes = PAGE_WATCH_UNKNOWN;
+    long long trusted_until_ms = 0;
+    long long next_trust_ms = 0;  // no trust is tried before this
 };
 
 std::mutex page_table_lock;
@@ -83,6 +107,26 @@ page_identity identity_of(const struct stat& info) {
 
 bool servable_kind(const struct stat& info) {
     return S_ISREG(info.st_mode) && info.st_size <= WEB_MAX_FILE_SIZE;
+}
+
+long long steady_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// True when `path` names real_path, with any number of "/" between names.
+bool names_real_path(const std::string& path, const std::string& real_path) {
+    std::size_t at = 0;
+    for (std::size_t index = 0; index < path.size(); ++index) {
+        if (path[index] == '/' && index > 0 && path[index - 1] == '/') {
+            continue;
+        }
+        if (at == real_path.size() || path[index] != real_path[at]) {
+            return false;
+        }
+        ++at;
+    }
+    return at == real_path.size();
 }
 
 bool settled(const page_identity& identity) {
@@ -132,19 +176,21 @@ page_entry& entry_for(const page_identity& identity) {
     return *oldest;
 }
 
-// Stores freshly read bytes (page->bytes); when another request stored the
-// same version meanwhile, its bytes are used instead, so one copy is sent
-// by all.
-void share_bytes(const std::string& real_home, page_file* page) {
+// Stores freshly read bytes (page->bytes) of the file checked at real_path;
+// when another request stored the same version meanwhile, its bytes are
+// used instead, so one copy is sent by all.
+void share_bytes(const std::string& real_home, const std::string& real_path, page_file* page) {
     std::lock_guard<std::mutex> hold(page_table_lock);
     page_entry& entry = entry_for(page->identity);
     std::shared_ptr<const std::string> stored = entry.in_use.lock();
     if (!stored || !same_page_version(entry.identity, page->identity) ||
         entry.checked_home != real_home) {
+        entry = page_entry{};
         entry.identity = page->identity;
         entry.checked_home = real_home;
         entry.in_use = page->bytes;
         entry.kept = page->identity.size <= KEPT_PAGE_SIZE ? page->bytes : nullptr;
+        entry.real_path = real_path;
         stored = page->bytes;
     }
     entry.last_use = ++page_table_clock;
@@ -152,8 +198,9 @@ void share_bytes(const std::string& real_home, page_file* page) {
     page->kept = stored == entry.kept;
 }
 
-// The path of the opened file as the kernel names it lies inside real_home.
-bool opened_inside(int fd, const std::string& real_home) {
+// The path of the opened file as the kernel names it (*real_path) lies
+// inside real_home.
+bool opened_inside(int fd, const std::string& real_home, std::string* real_path) {
     char link[32];
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     char target[PATH_MAX];
@@ -161,7 +208,8 @@ bool opened_inside(int fd, const std::string& real_home) {
     if (length <= 0 || static_cast<std::size_t>(length) >= sizeof target) {
         return false;
     }
-    return path_inside_directory(real_home, std::string(target, static_cast<std::size_t>(length)));
+    real_path->assign(target, static_cast<std::size_t>(length));
+    return path_inside_directory(real_home, *real_path);
 }
 
 // Reads up to `size` bytes of the open file; a read error ends the reading
@@ -184,7 +232,8 @@ std::shared_ptr<std::string> read_bytes(int fd, off_t size) {
 // the same name) and shares its bytes when it was left unchanged meanwhile.
 // page->identity becomes that of the file as read. False when it cannot be
 // read.
-bool read_checked_file(int path_fd, const std::string& real_home, page_file* page) {
+bool read_checked_file(int path_fd, const std::string& real_home, const std::string& real_path,
+                       page_file* page) {
     char link[32];
     snprintf(link, sizeof link, "/proc/self/fd/%d", path_fd);
     // O_NONBLOCK and O_NOCTTY are belts and braces: the file is known to be
@@ -205,7 +254,7 @@ bool read_checked_file(int path_fd, const std::string& real_home, page_file* pag
     struct stat after;
     if (fstat(fd, &after) == 0 && same_page_version(identity_of(after), page->identity) &&
         settled(page->identity)) {
-        share_bytes(real_home, page);
+        share_bytes(real_home, real_path, page);
     }
     return true;
 }
@@ -237,11 +286,79 @@ bool bytes_of_checked_file(const std::string& real_home, const std::string& abs_
     }
     fd_closer closer(path_fd);
     struct stat info;
-    if (fstat(path_fd, &info) != 0 || !servable_kind(info) || !opened_inside(path_fd, real_home)) {
+    std::string real_path;
+    if (fstat(path_fd, &info) != 0 || !servable_kind(info) ||
+        !opened_inside(path_fd, real_home, &real_path)) {
         return false;
     }
     page->identity = identity_of(info);
-    return read_checked_file(path_fd, real_home, page);
+    return read_checked_file(path_fd, real_home, real_path, page);
+}
+
+// Fastest path: the bytes of a trusted version asked for by its real path,
+// no stat taken.
+bool trusted_bytes(const std::string& real_home, const std::string& abs_path, page_file* page) {
+    const unsigned long long changes = page_watch_changes();
+    if (changes == PAGE_WATCH_UNKNOWN) {
+        return false;
+    }
+    const long long now = steady_ms();
+    std::lock_guard<std::mutex> hold(page_table_lock);
+    for (page_entry& entry : page_table) {
+        if (entry.trusted_changes == changes && now < entry.trusted_until_ms && entry.kept &&
+            entry.checked_home == real_home && names_real_path(abs_path, entry.real_path)) {
+            page->identity = entry.identity;
+            page->bytes = entry.kept;
+            page->kept = true;
+            entry.last_use = ++page_table_clock;
+            return true;
+        }
+    }
+    return false;
+}
+
+// The entry that keeps these very bytes, or null. page_table_lock held.
+page_entry* entry_keeping(const page_file& page) {
+    for (page_entry& entry : page_table) {
+        if (entry.kept && entry.kept == page.bytes) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+// Trusts a kept version asked for by its real path: watches the file and
+// the directories above it, then confirms the version with a stat taken
+// while the watch count stays as it was, so that any change after the stat
+// moves the count. Tried at most every TRUST_RETRY_MS per page.
+void trust_version(const std::string& abs_path, const page_file& page) {
+    std::string real_path;
+    {
+        std::lock_guard<std::mutex> hold(page_table_lock);
+        page_entry* entry = entry_keeping(page);
+        const long long now = steady_ms();
+        if (entry == nullptr || now < entry->next_trust_ms ||
+            !names_real_path(abs_path, entry->real_path)) {
+            return;
+        }
+        entry->next_trust_ms = now + TRUST_RETRY_MS;
+        real_path = entry->real_path;
+    }
+    if (!page_watch_add(real_path)) {
+        return;
+    }
+    const unsigned long long before = page_watch_changes();
+    struct stat info;
+    if (before == PAGE_WATCH_UNKNOWN || stat(real_path.c_str(), &info) != 0 ||
+        !same_page_version(identity_of(info), page.identity) || page_watch_changes() != before) {
+        return;
+    }
+    std::lock_guard<std::mutex> hold(page_table_lock);
+    page_entry* entry = entry_keeping(page);
+    if (entry != nullptr) {
+        entry->trusted_changes = before;
+        entry->trusted_until_ms = steady_ms() + TRUST_MS;
+    }
 }
 
 }  // namespace
@@ -263,10 +380,16 @@ bool open_page_file(const std::string& real_home, const std::string& abs_path, p
     if (real_home.empty()) {
         return false;
     }
+    if (trusted_bytes(real_home, abs_path, page)) {
+        return true;
+    }
     page_file found;
     if (!bytes_of_known_version(real_home, abs_path, &found) &&
         !bytes_of_checked_file(real_home, abs_path, &found)) {
         return false;
+    }
+    if (found.kept) {
+        trust_version(abs_path, found);
     }
     *page = std::move(found);
     return true;

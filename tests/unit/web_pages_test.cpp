@@ -1,9 +1,19 @@
 // web_pages_test.cpp - the monitor's web pages: the ".." rule, the request
-// validators (ETag lists, HTTP dates) and the prepared replies of unchanged
-// pages (what is served and refused is tested over HTTP in tests/blackbox).
+// validators (ETag lists, HTTP dates), the prepared replies of unchanged
+// pages, and kept pages that still change at once (what is served and
+// refused is tested over HTTP in tests/blackbox).
 #include "monitor/web_pages.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 namespace {
 
@@ -56,6 +66,52 @@ TEST(WebPages, UnchangedPagesGetPreparedReplies) {
     EXPECT_EQ(tag, not_modified->get_header("ETag"));
     EXPECT_EQ(not_modified, serve("/index.html", {{"If-None-Match", tag}}));
     EXPECT_EQ(WEB_START_PAGE, serve("/")->get_header("Location"));
+}
+
+// A page kept and served without a stat is still served anew at once after
+// each kind of change: written in place, replaced by a rename, a directory
+// on its way replaced, removed, its mode changed.
+TEST(PageFile, KeptPagesChangeAtOnce) {
+    char pattern[] = "/tmp/page_file_test.XXXXXX";
+    char home[PATH_MAX];
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    ASSERT_NE(nullptr, realpath(pattern, home));
+    const std::string root = home;
+    auto write = [&](const std::string& path, const std::string& text) {
+        std::ofstream(root + path) << text;
+    };
+    auto served = [&](const std::string& path) {
+        page_file page;
+        return open_page_file(root, root + path, &page) ? *page.bytes : "(none)";
+    };
+    mkdir((root + "/dir").c_str(), 0755);
+    const char* pages[] = {"/a.html", "/b.html", "/dir/c.html", "/d.html", "/e.html"};
+    for (const char* path : pages) {
+        write(path, path);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // settled: kept from now on
+    for (const char* path : pages) {
+        EXPECT_EQ(path, served(path));
+        EXPECT_EQ(path, served(path));
+    }
+    write("/a.html", "a, written");
+    EXPECT_EQ("a, written", served("/a.html"));
+    write("/b.new", "b, renamed");
+    rename((root + "/b.new").c_str(), (root + "/b.html").c_str());
+    EXPECT_EQ("b, renamed", served("/b.html"));
+    rename((root + "/dir").c_str(), (root + "/old").c_str());
+    mkdir((root + "/dir").c_str(), 0755);
+    write("/dir/c.html", "c, new directory");
+    EXPECT_EQ("c, new directory", served("/dir/c.html"));
+    unlink((root + "/d.html").c_str());
+    EXPECT_EQ("(none)", served("/d.html"));
+    page_file before;
+    page_file after;
+    ASSERT_TRUE(open_page_file(root, root + "/e.html", &before));
+    chmod((root + "/e.html").c_str(), 0600);
+    ASSERT_TRUE(open_page_file(root, root + "/e.html", &after));
+    EXPECT_FALSE(same_page_version(before.identity, after.identity));
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -1,0 +1,100 @@
+// page_watch.cpp - the inotify descriptor behind the page table's trust
+// (see the header). setup_lock guards making watch_fd and adding watches;
+// watch_fd, watch_broken, change_count and counters_busy are atomics read
+// and written by any listener thread without a lock. Watches are never
+// removed: the kernel drops the watch of a removed directory or file itself
+// (its event counts as a change), and the rest are bounded by the
+// directories that hold kept pages and those above them. The descriptor is
+// never closed, so no thread can read a reused one.
+#include "monitor/page_watch.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+
+namespace {
+
+// Everything that can change what a name leads to or what a file holds;
+// reading a file (our own reads included) is not among them.
+constexpr uint32_t WATCHED_CHANGES = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE |
+                                     IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
+                                     IN_MOVE_SELF;
+// Enough for several events; events left queued count at the next read.
+constexpr std::size_t EVENT_BUFFER_SIZE = 4096;
+
+std::mutex setup_lock;
+std::atomic<int> watch_fd{-1};             // written once, under setup_lock
+std::atomic<bool> watch_broken{false};     // set for good when a read fails
+std::atomic<unsigned long long> change_count{1};
+// Callers between their read and their count; while any is, an event may
+// have been read and not counted yet.
+std::atomic<unsigned> counters_busy{0};
+
+// setup_lock held.
+bool watch_one(int fd, const std::string& path, uint32_t kind) {
+    return inotify_add_watch(fd, path.c_str(), WATCHED_CHANGES | kind) >= 0;
+}
+
+// One read of the queued events: true when it was read to the end (an
+// event read, or none queued), false when reading failed.
+bool read_events(int fd, bool* changed) {
+    alignas(inotify_event) char events[EVENT_BUFFER_SIZE];
+    ssize_t got = read(fd, events, sizeof events);
+    while (got < 0 && errno == EINTR) {
+        got = read(fd, events, sizeof events);
+    }
+    *changed = got > 0;
+    return got > 0 || (got < 0 && errno == EAGAIN);
+}
+
+}  // namespace
+
+bool page_watch_add(const std::string& real_path) {
+    std::lock_guard<std::mutex> hold(setup_lock);
+    int fd = watch_fd.load();
+    if (fd < 0) {
+        fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        if (fd < 0) {
+            return false;
+        }
+        watch_fd.store(fd);
+    }
+    if (real_path.size() < 2 || real_path[0] != '/') {
+        return false;
+    }
+    // From "/" down, so that a directory replaced while the watches are
+    // added is seen by the watch of the one above it.
+    if (!watch_one(fd, "/", IN_ONLYDIR)) {
+        return false;
+    }
+    for (std::size_t slash = real_path.find('/', 1); slash != std::string::npos;
+         slash = real_path.find('/', slash + 1)) {
+        if (!watch_one(fd, real_path.substr(0, slash), IN_ONLYDIR)) {
+            return false;
+        }
+    }
+    return watch_one(fd, real_path, IN_DONT_FOLLOW);
+}
+
+unsigned long long page_watch_changes() {
+    const int fd = watch_fd.load();
+    if (fd < 0 || watch_broken.load()) {
+        return PAGE_WATCH_UNKNOWN;
+    }
+    counters_busy.fetch_add(1);
+    bool changed = false;
+    if (!read_events(fd, &changed)) {
+        watch_broken.store(true);
+    }
+    if (changed) {
+        change_count.fetch_add(1);
+    }
+    // Another caller may have read an event that this read then missed;
+    // once it is no longer busy, its count is seen below.
+    const bool alone = counters_busy.fetch_sub(1) == 1;
+    const unsigned long long count = change_count.load();
+    return alone && !watch_broken.load() ? count : PAGE_WATCH_UNKNOWN;
+}
