@@ -12,6 +12,7 @@
 #include <microhttpd.h>
 #include <strings.h>
 
+#include <new>
 #include <utility>
 
 namespace httpserver {
@@ -62,12 +63,18 @@ http_response::~http_response() {
 }
 
 MHD_Response* http_response::raw_response() {
-    std::call_once(raw_made, [this] {
-        raw = get_raw_response();
-        if (raw != nullptr) {
-            decorate_response(raw);
-        }
-    });
+    try {
+        std::call_once(raw_made, [this] {
+            MHD_Response* made = get_raw_response();
+            if (made == nullptr) {
+                throw std::bad_alloc();  // leaves raw_made unset: the next call tries again
+            }
+            decorate_response(made);
+            raw = made;
+        });
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
     return raw;
 }
 

@@ -67,7 +67,8 @@ public:
     // The libmicrohttpd response to queue, made by get_raw_response and
     // decorate_response on the first call and owned by this object, so that
     // a reply sent by many requests is built once. Headers added after the
-    // first call are not sent. Null when libmicrohttpd could not make it.
+    // first call are not sent. Null when libmicrohttpd could not make it
+    // (the next call tries again).
     MHD_Response* raw_response();
     // Builds the libmicrohttpd response (body only; headers are added by
     // decorate_response). The caller owns it.
