@@ -1,9 +1,10 @@
 // httpserver.cpp - the request and response objects that handlers see, and
 // how a response becomes a libmicrohttpd response.
 // A request belongs to the listener thread that handles it. A response may
-// be sent by several requests at once: its libmicrohttpd response is built
-// once under its raw_made flag and then only read (libmicrohttpd counts
-// the requests that send it under its own lock). A string_response hands
+// be sent by several requests at once: its libmicrohttpd response is made
+// by the first of them (should two make one, the first stored is kept) and
+// then only read (libmicrohttpd counts the requests that send it under its
+// own lock). A string_response hands
 // its body to libmicrohttpd without a copy, so the server keeps the
 // response object alive until each request that sends it is complete; its
 // bytes are immutable and may be shared with other responses.
@@ -12,7 +13,6 @@
 #include <microhttpd.h>
 #include <strings.h>
 
-#include <new>
 #include <utility>
 
 namespace httpserver {
@@ -57,35 +57,43 @@ http_response::http_response(int code, const std::string& content_type)
 }
 
 http_response::~http_response() {
-    if (raw != nullptr) {
-        MHD_destroy_response(raw);
+    if (raw.load() != nullptr) {
+        MHD_destroy_response(raw.load());
     }
 }
 
 MHD_Response* http_response::raw_response() {
-    try {
-        std::call_once(raw_made, [this] {
-            MHD_Response* made = get_raw_response();
-            if (made == nullptr) {
-                throw std::bad_alloc();  // leaves raw_made unset: the next call tries again
-            }
-            decorate_response(made);
-            raw = made;
-        });
-    } catch (const std::bad_alloc&) {
-        return nullptr;
+    MHD_Response* made = raw.load();
+    if (made != nullptr) {
+        return made;
     }
-    return raw;
+    made = get_raw_response();
+    if (made == nullptr || !decorate_response(made)) {
+        if (made != nullptr) {
+            MHD_destroy_response(made);
+        }
+        return nullptr;  // not kept: the next call tries again
+    }
+    MHD_Response* first = nullptr;
+    if (!raw.compare_exchange_strong(first, made)) {
+        MHD_destroy_response(made);  // another request made it meanwhile
+        return first;
+    }
+    return made;
 }
 
 MHD_Response* http_response::get_raw_response() {
     return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
 }
 
-void http_response::decorate_response(MHD_Response* raw) {
+bool http_response::decorate_response(MHD_Response* response) {
     for (const auto& header : headers) {
-        MHD_add_response_header(raw, header.first.c_str(), header.second.c_str());
+        if (MHD_add_response_header(response, header.first.c_str(), header.second.c_str()) !=
+            MHD_YES) {
+            return false;
+        }
     }
+    return true;
 }
 
 int http_response::enqueue_response(MHD_Connection* connection, MHD_Response* raw) {

@@ -4,15 +4,15 @@
 // response object is made by a handler and owned by shared pointers until
 // every request that sends it is complete (its raw response borrows the
 // body). A response may be sent by several requests at once, on several
-// listener threads: its raw response is built once (raw_made guards it) and
+// listener threads: its raw response is made once (an atomic pointer) and
 // the response is not changed after that. The body bytes of
 // string_responses are immutable and may be shared (see string_response).
 #ifndef MANAGER_SVC_HTTPSERVER_H
 #define MANAGER_SVC_HTTPSERVER_H
 
 #include <map>
+#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
 struct MHD_Connection;
@@ -68,13 +68,14 @@ public:
     // decorate_response on the first call and owned by this object, so that
     // a reply sent by many requests is built once. Headers added after the
     // first call are not sent. Null when libmicrohttpd could not make it
-    // (the next call tries again).
+    // with all its headers (the next call tries again).
     MHD_Response* raw_response();
     // Builds the libmicrohttpd response (body only; headers are added by
     // decorate_response). The caller owns it.
     virtual MHD_Response* get_raw_response();
-    // Adds every header of the header map to the raw response.
-    virtual void decorate_response(MHD_Response* raw);
+    // Adds every header of the header map to the raw response; false when
+    // one could not be added.
+    virtual bool decorate_response(MHD_Response* response);
     // Queues the raw response on the connection; returns MHD's result.
     virtual int enqueue_response(MHD_Connection* connection, MHD_Response* raw);
 
@@ -86,8 +87,7 @@ public:
 private:
     int response_code;
     header_map headers;
-    std::once_flag raw_made;
-    MHD_Response* raw = nullptr;  // set once, under raw_made
+    std::atomic<MHD_Response*> raw{nullptr};  // set once, by the first to make it
 };
 
 // The body is held behind a shared pointer to immutable bytes, so several
