@@ -81,6 +81,7 @@ struct page_entry {
     unsigned long long trusted_changes = PAGE_WATCH_UNKNOWN;
     long long trusted_until_ms = 0;
     long long next_trust_ms = 0;  // no trust is tried before this
+    int file_watch = -1;          // the file's inotify watch, while it has one
 };
 
 std::mutex page_table_lock;
@@ -180,22 +181,32 @@ page_entry& entry_for(const page_identity& identity) {
 // when another request stored the same version meanwhile, its bytes are
 // used instead, so one copy is sent by all.
 void share_bytes(const std::string& real_home, const std::string& real_path, page_file* page) {
-    std::lock_guard<std::mutex> hold(page_table_lock);
-    page_entry& entry = entry_for(page->identity);
-    std::shared_ptr<const std::string> stored = entry.in_use.lock();
-    if (!stored || !same_page_version(entry.identity, page->identity) ||
-        entry.checked_home != real_home) {
-        entry = page_entry{};
-        entry.identity = page->identity;
-        entry.checked_home = real_home;
-        entry.in_use = page->bytes;
-        entry.kept = page->identity.size <= KEPT_PAGE_SIZE ? page->bytes : nullptr;
-        entry.real_path = real_path;
-        stored = page->bytes;
+    int dropped_watch = -1;
+    {
+        std::lock_guard<std::mutex> hold(page_table_lock);
+        page_entry& entry = entry_for(page->identity);
+        std::shared_ptr<const std::string> stored = entry.in_use.lock();
+        if (!stored || !same_page_version(entry.identity, page->identity) ||
+            entry.checked_home != real_home) {
+            int file_watch = entry.file_watch;
+            if (!same_file(entry.identity, page->identity)) {
+                dropped_watch = file_watch;  // another file takes the entry
+                file_watch = -1;
+            }
+            entry = page_entry{};
+            entry.identity = page->identity;
+            entry.checked_home = real_home;
+            entry.in_use = page->bytes;
+            entry.kept = page->identity.size <= KEPT_PAGE_SIZE ? page->bytes : nullptr;
+            entry.real_path = real_path;
+            entry.file_watch = file_watch;
+            stored = page->bytes;
+        }
+        entry.last_use = ++page_table_clock;
+        page->bytes = stored;
+        page->kept = stored == entry.kept;
     }
-    entry.last_use = ++page_table_clock;
-    page->bytes = stored;
-    page->kept = stored == entry.kept;
+    page_watch_forget(dropped_watch);
 }
 
 // The path of the opened file as the kernel names it (*real_path) lies
@@ -327,10 +338,11 @@ page_entry* entry_keeping(const page_file& page) {
     return nullptr;
 }
 
-// Trusts a kept version asked for by its real path: watches the file and
-// the directories above it, then confirms the version with a stat taken
-// while the watch count stays as it was, so that any change after the stat
-// moves the count. Tried at most every TRUST_RETRY_MS per page.
+// Trusts a kept version asked for by its real path: takes the watch count,
+// watches the directories above the file from "/" down and the file, and
+// confirms the version with an lstat; when the count is still as it was,
+// every change from the watches on moves it. Tried at most every
+// TRUST_RETRY_MS per page.
 void trust_version(const std::string& abs_path, const page_file& page) {
     std::string real_path;
     {
@@ -344,18 +356,19 @@ void trust_version(const std::string& abs_path, const page_file& page) {
         entry->next_trust_ms = now + TRUST_RETRY_MS;
         real_path = entry->real_path;
     }
-    if (!page_watch_add(real_path)) {
-        return;
-    }
     const unsigned long long before = page_watch_changes();
+    const int file_watch = page_watch_add(real_path);
     struct stat info;
-    if (before == PAGE_WATCH_UNKNOWN || stat(real_path.c_str(), &info) != 0 ||
-        !same_page_version(identity_of(info), page.identity) || page_watch_changes() != before) {
-        return;
-    }
+    const bool confirmed = before != PAGE_WATCH_UNKNOWN && file_watch >= 0 &&
+                           lstat(real_path.c_str(), &info) == 0 &&
+                           same_page_version(identity_of(info), page.identity) &&
+                           page_watch_changes() == before;
     std::lock_guard<std::mutex> hold(page_table_lock);
     page_entry* entry = entry_keeping(page);
-    if (entry != nullptr) {
+    if (entry != nullptr && file_watch >= 0) {
+        entry->file_watch = file_watch;
+    }
+    if (entry != nullptr && confirmed) {
         entry->trusted_changes = before;
         entry->trusted_until_ms = steady_ms() + TRUST_MS;
     }

@@ -1,9 +1,11 @@
 // page_file.h - one web-page file as it is served: opened so that the
 // containment check holds for the very file that is read, and its bytes
 // shared by every in-flight reply for the same unchanged file.
-// page_table_lock (in page_file.cpp) guards the table of shared page bytes;
-// it is held only to look an entry up or to store one, never while a file
-// is opened or read. Everything else belongs to the calling request.
+// page_table_lock (in page_file.cpp) guards the table of shared page bytes
+// with each entry's trust (a version served without a stat while inotify
+// sees no change, see page_watch.h); it is held only to look an entry up
+// or to store one, never while a file is opened or read. Everything else
+// belongs to the calling request.
 #ifndef MANAGER_SVC_PAGE_FILE_H
 #define MANAGER_SVC_PAGE_FILE_H
 
@@ -39,7 +41,9 @@ struct page_file {
 // actually opened - a regular file of at most WEB_MAX_FILE_SIZE bytes whose
 // path, as the kernel names the opened file, lies inside real_home - and
 // yields its identity and bytes. The bytes come from the table while an
-// unchanged copy is in use or kept there; otherwise the file is read.
+// unchanged copy is in use or kept there; otherwise the file is read. A
+// trusted version (checked so when it was read, and unchanged since) is
+// served from the table without opening anything.
 // False (and *page untouched) when the file may not be served.
 bool open_page_file(const std::string& real_home, const std::string& abs_path, page_file* page);
 

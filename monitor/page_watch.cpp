@@ -1,11 +1,12 @@
 // page_watch.cpp - the inotify descriptor behind the page table's trust
-// (see the header). setup_lock guards making watch_fd and adding watches;
-// watch_fd, watch_broken, change_count and counters_busy are atomics read
-// and written by any listener thread without a lock. Watches are never
-// removed: the kernel drops the watch of a removed directory or file itself
-// (its event counts as a change), and the rest are bounded by the
-// directories that hold kept pages and those above them. The descriptor is
-// never closed, so no thread can read a reused one.
+// (see the header). setup_lock guards making watch_fd and adding or
+// removing watches; watch_fd, watch_broken, change_count and counters_busy
+// are atomics read and written by any listener thread without a lock.
+// A file's watch is removed when the page table drops the file (the kernel
+// drops it by itself when the file is deleted), so at most one is held per
+// table entry; directory watches stay, bounded by the directories that hold
+// kept pages and those above them. The descriptor is never closed, so no
+// thread can read a reused one.
 #include "monitor/page_watch.h"
 
 #include <sys/inotify.h>
@@ -33,9 +34,10 @@ std::atomic<unsigned long long> change_count{1};
 // have been read and not counted yet.
 std::atomic<unsigned> counters_busy{0};
 
-// setup_lock held.
-bool watch_one(int fd, const std::string& path, uint32_t kind) {
-    return inotify_add_watch(fd, path.c_str(), WATCHED_CHANGES | kind) >= 0;
+// A watch on exactly this name (a symlink is not followed but refused),
+// or -1. setup_lock held.
+int watch_one(int fd, const std::string& path, uint32_t kind) {
+    return inotify_add_watch(fd, path.c_str(), WATCHED_CHANGES | IN_DONT_FOLLOW | kind);
 }
 
 // One read of the queued events: true when it was read to the end (an
@@ -52,31 +54,39 @@ bool read_events(int fd, bool* changed) {
 
 }  // namespace
 
-bool page_watch_add(const std::string& real_path) {
+int page_watch_add(const std::string& real_path) {
     std::lock_guard<std::mutex> hold(setup_lock);
     int fd = watch_fd.load();
     if (fd < 0) {
         fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         if (fd < 0) {
-            return false;
+            return -1;
         }
         watch_fd.store(fd);
     }
     if (real_path.size() < 2 || real_path[0] != '/') {
-        return false;
+        return -1;
     }
-    // From "/" down, so that a directory replaced while the watches are
-    // added is seen by the watch of the one above it.
-    if (!watch_one(fd, "/", IN_ONLYDIR)) {
-        return false;
+    // From "/" down: each directory is watched before the name below it is
+    // looked up, so a name replaced from then on is a change counted.
+    if (watch_one(fd, "/", IN_ONLYDIR) < 0) {
+        return -1;
     }
     for (std::size_t slash = real_path.find('/', 1); slash != std::string::npos;
          slash = real_path.find('/', slash + 1)) {
-        if (!watch_one(fd, real_path.substr(0, slash), IN_ONLYDIR)) {
-            return false;
+        if (watch_one(fd, real_path.substr(0, slash), IN_ONLYDIR) < 0) {
+            return -1;
         }
     }
-    return watch_one(fd, real_path, IN_DONT_FOLLOW);
+    return watch_one(fd, real_path, 0);
+}
+
+void page_watch_forget(int file_watch) {
+    std::lock_guard<std::mutex> hold(setup_lock);
+    const int fd = watch_fd.load();
+    if (fd >= 0 && file_watch >= 0) {
+        inotify_rm_watch(fd, file_watch);
+    }
 }
 
 unsigned long long page_watch_changes() {
