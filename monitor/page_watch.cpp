@@ -52,19 +52,28 @@ bool read_events(int fd, bool* changed) {
     return got > 0 || (got < 0 && errno == EAGAIN);
 }
 
-}  // namespace
-
-int page_watch_add(const std::string& real_path) {
-    std::lock_guard<std::mutex> hold(setup_lock);
+// The descriptor, made on the first call; -1 when it cannot be made.
+// setup_lock held.
+int started_descriptor() {
     int fd = watch_fd.load();
     if (fd < 0) {
         fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (fd < 0) {
-            return -1;
-        }
         watch_fd.store(fd);
     }
-    if (real_path.size() < 2 || real_path[0] != '/') {
+    return fd;
+}
+
+}  // namespace
+
+bool page_watch_start() {
+    std::lock_guard<std::mutex> hold(setup_lock);
+    return started_descriptor() >= 0;
+}
+
+int page_watch_add(const std::string& real_path) {
+    std::lock_guard<std::mutex> hold(setup_lock);
+    const int fd = started_descriptor();
+    if (fd < 0 || real_path.size() < 2 || real_path[0] != '/') {
         return -1;
     }
     // From "/" down: each directory is watched before the name below it is

@@ -21,6 +21,11 @@
 // failed, or another caller is counting an event at this moment.
 constexpr unsigned long long PAGE_WATCH_UNKNOWN = 0;
 
+// Makes the inotify descriptor, so that it is among the daemon's descriptors
+// from start-up on (page_watch_add makes it when this was not called). The
+// descriptor is held until the process ends. False when it cannot be made.
+bool page_watch_start();
+
 // Watches every directory above real_path (absolute, without "." or
 // ".."), from "/" down, and real_path itself. Returns the file's watch, or
 // -1 when one of them cannot be watched or is a symlink now.

@@ -30,6 +30,7 @@
 
 #include "common/calendar_names.h"
 #include "common/print_log.h"
+#include "monitor/page_watch.h"
 #include "endpoints/ssci_response.h"
 
 char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
@@ -266,6 +267,7 @@ std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_req
 void svcmon_set_home_path(const char* path) {
     snprintf(g_svcmon_home_path, sizeof g_svcmon_home_path, "%s", path);
     g_real_home_path = real_path_of(g_svcmon_home_path);
+    page_watch_start();  // without it, pages are served with a stat each
 }
 
 const char* web_content_type(const std::string& abs_path) {

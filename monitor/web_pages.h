@@ -31,7 +31,8 @@ struct mime_type_row {
 // Extension (after the last ".") to content type, searched in order.
 extern const mime_type_row mime_type_table[3];
 
-// Keeps the monitor's copy of the web-page root (cut to 127 characters).
+// Keeps the monitor's copy of the web-page root (cut to 127 characters)
+// and makes the descriptor that watches kept pages (page_watch.h).
 void svcmon_set_home_path(const char* path);
 
 // The content type for a file path: the text after the last "." of the
