@@ -8,12 +8,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -94,7 +96,31 @@ TEST(PageFile, KeptPagesChangeAtOnce) {
         EXPECT_EQ(path, served(path));
         EXPECT_EQ(path, served(path));
     }
+    // Readers on other threads, too, see the change once the write is done.
+    std::atomic<bool> written{false};
+    std::atomic<bool> done{false};
+    std::atomic<int> stale{0};
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < 4; ++reader) {
+        readers.emplace_back([&] {
+            while (!done.load()) {
+                const bool after_write = written.load();
+                const std::string page = served("/a.html");
+                if (after_write && page != "a, written") {
+                    ++stale;
+                }
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     write("/a.html", "a, written");
+    written.store(true);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    done.store(true);
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(0, stale.load());
     EXPECT_EQ("a, written", served("/a.html"));
     write("/b.new", "b, renamed");
     rename((root + "/b.new").c_str(), (root + "/b.html").c_str());
