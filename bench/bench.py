@@ -5,7 +5,8 @@ Measured in one run, interleaved round by round so that both sides see the
 same machine: requests per second of the daemon (get_info, get_health_status
 with 100 services, the monitor's index.html) against the bare libmicrohttpd
 anchor (bench/anchor_server.c) serving the very same reply bytes with the
-same thread pool; the time per registration with 10, 100 and 1000 services
+same thread pool, and the CPU time each server spends per request (steadier
+than the rate, which the two cores shared with wrk make move); the time per registration with 10, 100 and 1000 services
 registered; idle memory of both; the time from start to the ready marker.
 
 usage: bench/bench.py [--build DIR] [--seconds S] [--rounds N] [--threads T]
@@ -85,20 +86,38 @@ class Anchor:
         os.unlink(self.body_file.name)
 
 
+def cpu_seconds(pid):
+    """User plus system CPU time of a process so far."""
+    with open(f"/proc/{pid}/stat") as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def measured_run(pid, port, path, connections, seconds):
+    """Requests per second, and the server's CPU microseconds per request."""
+    before = cpu_seconds(pid)
+    rps = wrk(port, path, connections, seconds)
+    return rps, (cpu_seconds(pid) - before) * 1e6 / (rps * seconds)
+
+
 def compare(daemon, anchor, path, connections, seconds, rounds):
-    """Median requests/s of daemon and anchor over interleaved rounds."""
+    """Medians of requests/s and of CPU per request of daemon and anchor
+    over interleaved rounds."""
     ours, theirs = [], []
     for _ in range(rounds):
-        ours.append(wrk(daemon.port, path, connections, seconds))
-        theirs.append(wrk(anchor.port, path, connections, seconds))
-    return statistics.median(ours), statistics.median(theirs)
+        ours.append(measured_run(daemon.pid, daemon.port, path, connections, seconds))
+        theirs.append(measured_run(anchor.proc.pid, anchor.port, path, connections, seconds))
+    return [tuple(statistics.median(run[i] for run in runs) for i in (0, 1))
+            for runs in (ours, theirs)]
 
 
 def report_ratio(label, daemon, anchor, path, args):
     for connections in (32, 128):
-        ours, theirs = compare(daemon, anchor, path, connections, args.seconds, args.rounds)
+        (ours, our_cpu), (theirs, their_cpu) = compare(daemon, anchor, path, connections,
+                                                       args.seconds, args.rounds)
         print(f"{label:28} c={connections:<4} daemon {ours:10.0f} req/s   "
-              f"anchor {theirs:10.0f} req/s   ratio {ours / theirs:.2f}")
+              f"anchor {theirs:10.0f} req/s   ratio {ours / theirs:.2f}   "
+              f"CPU per request {our_cpu:.1f} / {their_cpu:.1f} us")
 
 
 def register_many(daemon, count, prefix="svc"):
