@@ -356,7 +356,11 @@ void trust_version(const std::string& abs_path, const page_file& page) {
         entry->next_trust_ms = now + TRUST_RETRY_MS;
         real_path = entry->real_path;
     }
-    const unsigned long long before = page_watch_changes();
+    unsigned long long before = page_watch_changes();
+    if (before == PAGE_WATCH_UNKNOWN) {
+        page_watch_add(real_path);  // the first page watched starts the count
+        before = page_watch_changes();
+    }
     const int file_watch = page_watch_add(real_path);
     struct stat info;
     const bool confirmed = before != PAGE_WATCH_UNKNOWN && file_watch >= 0 &&

@@ -1,7 +1,8 @@
 // page_watch.cpp - the inotify descriptor behind the page table's trust
 // (see the header). setup_lock guards making watch_fd and adding or
-// removing watches; watch_fd, watch_broken, change_count and counters_busy
-// are atomics read and written by any listener thread without a lock.
+// removing watches; watch_fd, watching, watch_broken, change_count and
+// counters_busy are atomics read and written by any listener thread without
+// a lock. Nothing is read before a file is watched.
 // A file's watch is removed when the page table drops the file (the kernel
 // drops it by itself when the file is deleted), so at most one is held per
 // table entry; directory watches stay, bounded by the directories that hold
@@ -28,6 +29,7 @@ constexpr std::size_t EVENT_BUFFER_SIZE = 4096;
 
 std::mutex setup_lock;
 std::atomic<int> watch_fd{-1};             // written once, under setup_lock
+std::atomic<bool> watching{false};         // a file has been watched
 std::atomic<bool> watch_broken{false};     // set for good when a read fails
 std::atomic<unsigned long long> change_count{1};
 // Callers between their read and their count; while any is, an event may
@@ -87,7 +89,11 @@ int page_watch_add(const std::string& real_path) {
             return -1;
         }
     }
-    return watch_one(fd, real_path, 0);
+    const int file_watch = watch_one(fd, real_path, 0);
+    if (file_watch >= 0) {
+        watching.store(true);
+    }
+    return file_watch;
 }
 
 void page_watch_forget(int file_watch) {
@@ -100,7 +106,7 @@ void page_watch_forget(int file_watch) {
 
 unsigned long long page_watch_changes() {
     const int fd = watch_fd.load();
-    if (fd < 0 || watch_broken.load()) {
+    if (fd < 0 || !watching.load() || watch_broken.load()) {
         return PAGE_WATCH_UNKNOWN;
     }
     counters_busy.fetch_add(1);
