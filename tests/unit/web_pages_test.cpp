@@ -5,6 +5,8 @@
 #include "monitor/web_pages.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -71,8 +74,8 @@ TEST(WebPages, UnchangedPagesGetPreparedReplies) {
 }
 
 // A page kept and served without a stat is still served anew at once after
-// each kind of change: written in place, replaced by a rename, a directory
-// on its way replaced, removed, its mode changed.
+// each kind of change that inotify sees: written in place, replaced by a
+// rename, a directory on its way replaced, removed, its mode changed.
 TEST(PageFile, KeptPagesChangeAtOnce) {
     char pattern[] = "/tmp/page_file_test.XXXXXX";
     char home[PATH_MAX];
@@ -87,7 +90,7 @@ TEST(PageFile, KeptPagesChangeAtOnce) {
         return open_page_file(root, root + path, &page) ? *page.bytes : "(none)";
     };
     mkdir((root + "/dir").c_str(), 0755);
-    const char* pages[] = {"/a.html", "/b.html", "/dir/c.html", "/d.html", "/e.html"};
+    const char* pages[] = {"/a.html", "/b.html", "/dir/c.html", "/d.html", "/e.html", "/f.html"};
     for (const char* path : pages) {
         write(path, path);
     }
@@ -96,6 +99,15 @@ TEST(PageFile, KeptPagesChangeAtOnce) {
         EXPECT_EQ(path, served(path));
         EXPECT_EQ(path, served(path));
     }
+    // A write through a shared memory map makes no inotify event, so a page
+    // served without a stat is served as it was (for up to a second).
+    const int fd = open((root + "/f.html").c_str(), O_RDWR);
+    auto* map = static_cast<char*>(mmap(nullptr, 7, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    ASSERT_NE(MAP_FAILED, map);
+    memcpy(map, "/F.HTML", 7);
+    EXPECT_EQ("/f.html", served("/f.html"));
+    munmap(map, 7);
+    close(fd);
     // Readers on other threads, too, see the change once the write is done.
     std::atomic<bool> written{false};
     std::atomic<bool> done{false};
