@@ -32,8 +32,12 @@ std::string contents_of(const std::string& path) {
 }
 
 // Now as strftime's `format` gives it, in local time or UTC (gmtime_r).
+// The precise clock, as the logs read it: time() may still tell the
+// previous second for a few milliseconds after it has passed.
 std::string now_as(const char* format, struct tm* (*convert)(const time_t*, struct tm*)) {
-    const time_t now = time(nullptr);
+    timespec precise{};
+    clock_gettime(CLOCK_REALTIME, &precise);
+    const time_t now = precise.tv_sec;
     struct tm parts;
     char text[32];
     strftime(text, sizeof text, format, convert(&now, &parts));
