@@ -4,10 +4,10 @@
 // be sent by several requests at once: its libmicrohttpd response is made
 // by the first of them (should two make one, the first stored is kept) and
 // then only read (libmicrohttpd counts the requests that send it under its
-// own lock). A string_response hands
-// its body to libmicrohttpd without a copy, so the server keeps the
-// response object alive until each request that sends it is complete; its
-// bytes are immutable and may be shared with other responses.
+// own lock). A string_response hands its body to libmicrohttpd without a
+// copy, so the server keeps the response object alive until each request
+// that sends it is complete; its bytes are immutable and may be shared with
+// other responses.
 #include "platform/httpserver.h"
 
 #include <microhttpd.h>
@@ -57,8 +57,8 @@ http_response::http_response(int code, const std::string& content_type)
 }
 
 http_response::~http_response() {
-    if (raw.load() != nullptr) {
-        MHD_destroy_response(raw.load());
+    if (MHD_Response* made = raw.load()) {
+        MHD_destroy_response(made);
     }
 }
 
