@@ -125,6 +125,31 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
 }
 
+// A text longer than its buffer is cut after its last whole character:
+// ASCII at 31 bytes, "\u00e9" (2 bytes), "\u20ac" (3) and U+1F600 (4) never
+// in the middle. A missing or non-string member leaves the buffer alone.
+TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
+    const std::string a(27, 'a'), e = "\xc3\xa9", euro = "\xe2\x82\xac", smile = "\xf0\x9f\x98\x80";
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(40, 'x'), std::string(31, 'x')}, {a + "bbbb", a + "bbbb"},
+        {a + "bbb" + e, a + "bbb"}, {a + "bb" + e, a + "bb" + e},
+        {a + "bb" + euro, a + "bb"}, {a + "b" + euro, a + "b" + euro},
+        {a + smile + "x", a + smile}, {a + "b" + smile, a + "b"},
+    };
+    for (const auto& [value, expected] : cases) {
+        json_object* object = json_object_new_object();
+        json_object_object_add(object, "name", json_object_new_string(value.c_str()));
+        json_object_object_add(object, "port", json_object_new_int(7));
+        char buffer[32] = "";
+        EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
+        EXPECT_EQ(buffer, expected);
+        EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), -2);
+        EXPECT_EQ(buffer, expected);
+        json_object_put(object);
+    }
+}
+
 // Jobs that wait until the gate opens; refusals are counted on the
 // submitting thread (the test's) only.
 struct job_counts {
