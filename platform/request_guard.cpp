@@ -33,6 +33,10 @@ constexpr char SEC_FETCH_SITE[] = "Sec-Fetch-Site";
 // Header values in the debug-log record are cut to this many bytes.
 #define LOGGED_VALUE "%.200s"
 
+const char* header_or_dash(const char* value) {
+    return value != nullptr ? value : "-";
+}
+
 template <std::size_t N>
 bool is_one_of(const char* text, const char* const (&list)[N], bool ignore_case) {
     for (const char* entry : list) {
@@ -121,14 +125,6 @@ request_verdict request_guard_judge(const request_head& head) {
     }
     return request_verdict::served;
 }
-
-namespace {
-
-const char* header_or_dash(const char* value) {
-    return value != nullptr ? value : "-";
-}
-
-}  // namespace
 
 request_verdict request_guard_check(MHD_Connection* connection, const char* method,
                                     const char* url, const std::string& log_path,

@@ -1,6 +1,7 @@
 // ssci_server.cpp - the service-bus server: the listen socket, the
 // libmicrohttpd daemon with its pool of listener threads, and the dispatch
-// of every request to the common_http_resource that covers its path.
+// of every request to the common_http_resource that covers its path, once
+// the request guard (request_guard.h) has passed its head.
 // The lifecycle calls (create, start, stop, destory) come from the main
 // thread; lifecycle_lock guards g_server against any other caller. The
 // request callbacks run on the listener threads and touch only their own
