@@ -88,11 +88,6 @@ def assert_nothing_changed(daemon, sandbox, runs_before):
     assert wait_for(lambda: script_runs(sandbox) == runs_before + 1)
 
 
-def assert_frame_headers(reply):
-    assert reply.headers["x-content-type-options"] == "nosniff", reply
-    assert not [name for name in reply.headers if name.startswith("access-control-")], reply
-
-
 # Each resource, with what a request there would change when served.
 TARGETS = [(SVCMGR + "?method=unregister&name=recStreamService", HIJACK),
            (SVCMON + "?method=get_health_status", None), ("/managerService/sys_state", None),
@@ -123,7 +118,8 @@ def test_foreign_requests_are_refused_on_every_resource_and_change_nothing(daemo
                 expected = b"" if method == "HEAD" else text
                 assert (reply.status, reply.headers["content-type"], reply.body) == (
                     status, "text/plain", expected), (method, path, headers)
-                assert_frame_headers(reply)
+                assert reply.headers["x-content-type-options"] == "nosniff", reply
+                assert not [h for h in reply.headers if h.startswith("access-control-")], reply
                 sent += 1
     assert refusals(module_sandbox) - before == sent
     assert "Host not served): GET /managerService/sys_state Host: attacker.example " in (
