@@ -32,7 +32,7 @@ counter = 0
 request = function()
   counter = counter + 1
   local body = string.format(
-    '{"method":"register","name":"bench%d","ip":"10.1.1.1","port":%d}', counter % 50, counter)
+    '{"method":"register","name":"bench%d","ip":"127.1.1.1","port":%d}', counter % 50, counter)
   return wrk.format("POST", "/managerService/svcmgr", {["Content-Type"]="application/json"}, body)
 end
 """
@@ -123,7 +123,7 @@ def report_ratio(label, daemon, anchor, path, args):
 def register_many(daemon, count, prefix="svc"):
     for index in range(count):
         body = json.dumps({"method": "register", "name": f"{prefix}{index:04d}",
-                           "ip": f"10.0.{index // 250}.{index % 250}", "port": 10000 + index})
+                           "ip": f"127.0.{index // 250}.{index % 250}", "port": 10000 + index})
         assert daemon.request("POST", "/managerService/svcmgr", body).status == 200
 
 

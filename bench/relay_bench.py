@@ -105,7 +105,7 @@ def send_requests(port, target, count):
     sockets = []
     for _ in range(count):
         sock = socket.create_connection(("127.0.0.1", port))
-        sock.sendall(f"GET {target} HTTP/1.1\r\nHost: b\r\nConnection: close\r\n\r\n".encode())
+        sock.sendall(f"GET {target} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n".encode())
         sockets.append(sock)
     return sockets
 

@@ -48,7 +48,7 @@ BUILD = {
             "/managerService/svcmgr?method=get_info&name=svc%04d", cycle % SERVICES))
     end,
     register = function(cycle, slot)
-        local body = string.format('{"method":"register","name":"%s","ip":"10.7.%d.%d","port":%d}',
+        local body = string.format('{"method":"register","name":"%s","ip":"127.7.%d.%d","port":%d}',
             churn_name(cycle, slot), id, slot, cycle)
         return wrk.format("POST", "/managerService/svcmgr", nil, body)
     end,

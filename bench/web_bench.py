@@ -47,7 +47,7 @@ def slow_reader(port, path):
     reader = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, READER_BUFFER)
     reader.connect(("127.0.0.1", port))
-    reader.sendall(f"GET {path} HTTP/1.1\r\nHost: bench\r\n\r\n".encode())
+    reader.sendall(f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode())
     return reader
 
 

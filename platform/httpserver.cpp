@@ -51,6 +51,7 @@ std::string http_request::get_header(const std::string& key) const {
 
 http_response::http_response(int code, const std::string& content_type)
     : response_code(code) {
+    headers[http::http_utils::http_header_content_type_options] = http::http_utils::nosniff;
     if (!content_type.empty()) {
         headers[http::http_utils::http_header_content_type] = content_type;
     }

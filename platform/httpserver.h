@@ -26,6 +26,9 @@ struct http_utils {
     static inline const std::string http_header_location = "Location";
     static inline const std::string http_header_allow = "Allow";
     static inline const std::string text_plain = "text/plain";
+    // Sent on every reply: browsers take the content type as given.
+    static inline const std::string http_header_content_type_options = "X-Content-Type-Options";
+    static inline const std::string nosniff = "nosniff";
 };
 }  // namespace http
 

@@ -1,6 +1,7 @@
 // ssci_server.cpp - the service-bus server: the listen socket, the
 // libmicrohttpd daemon with its pool of listener threads, and the dispatch
-// of every request to the common_http_resource that covers its path.
+// of every request to the common_http_resource that covers its path, once
+// the request guard (request_guard.h) has passed its head.
 // The lifecycle calls (create, start, stop, destory) come from the main
 // thread; lifecycle_lock guards g_server against any other caller. The
 // request callbacks run on the listener threads and touch only their own
@@ -15,6 +16,7 @@
 
 #include <microhttpd.h>
 #include <netdb.h>
+#include <strings.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,6 +35,7 @@
 #include "platform/dlog.h"
 #include "platform/httpserver.h"
 #include "platform/relay_pool.h"
+#include "platform/request_guard.h"
 
 namespace {
 
@@ -58,8 +61,9 @@ constexpr rlim_t DESCRIPTORS_PER_THREAD = 2;
 // a longer one gets 431, or, within a few hundred bytes of the limit, its
 // connection is closed.
 constexpr intptr_t CONNECTION_BUFFER_BYTES = 24 * 1024;
-// Bytes of an over-long body (sent without a Content-Length) that are read
-// and thrown away before the 413; past this the connection is closed.
+// Bytes of an over-long body that are read and thrown away before the 413,
+// so that a client still sending it sees the reply rather than a reset
+// (lingering close); past this the 413 is sent at once.
 constexpr std::size_t MAX_DISCARDED_BODY = 1024 * 1024;
 constexpr unsigned DAEMON_FLAGS =
     MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO | MHD_ALLOW_SUSPEND_RESUME;
@@ -68,10 +72,13 @@ constexpr unsigned DAEMON_FLAGS =
 struct plain_reply {
     unsigned status;
     const char* text;
+    bool closes = false;  // the connection is closed after it
 };
 constexpr plain_reply NOT_FOUND = {MHD_HTTP_NOT_FOUND, "404 Not Found"};
 constexpr plain_reply METHOD_NOT_ALLOWED = {MHD_HTTP_METHOD_NOT_ALLOWED, "405 Method Not Allowed"};
-constexpr plain_reply BODY_TOO_LARGE = {MHD_HTTP_CONTENT_TOO_LARGE, "413 Content Too Large"};
+constexpr plain_reply BODY_TOO_LARGE = {MHD_HTTP_CONTENT_TOO_LARGE, "413 Content Too Large", true};
+constexpr plain_reply MISDIRECTED = {MHD_HTTP_MISDIRECTED_REQUEST, "421 Misdirected Request"};
+constexpr plain_reply CROSS_ORIGIN = {MHD_HTTP_FORBIDDEN, "403 Forbidden"};
 constexpr plain_reply HANDLER_FAILED = {MHD_HTTP_INTERNAL_SERVER_ERROR, "500 Internal Server Error"};
 
 enum class server_phase { absent, created, running };
@@ -98,7 +105,7 @@ struct request_state {
     http_handler handler = nullptr;
     const common_http_resource* resource = nullptr;
     guarded_connection* guarded = nullptr;  // the connection's entry in the guard
-    const plain_reply* refusal = nullptr;  // 404 or 405, sent once the body is read
+    const plain_reply* refusal = nullptr;  // 403, 404, 405, 421: sent once the body is read
     std::size_t body_received = 0;
     std::string body;
     bool relay_answered = false;  // set by the relay worker before it resumes
@@ -119,6 +126,11 @@ MHD_Result queue_plain(MHD_Connection* connection, const plain_reply& reply,
     }
     MHD_add_response_header(raw.get(), http_utils::http_header_content_type.c_str(),
                             http_utils::text_plain.c_str());
+    MHD_add_response_header(raw.get(), http_utils::http_header_content_type_options.c_str(),
+                            http_utils::nosniff.c_str());
+    if (reply.closes) {
+        MHD_add_response_header(raw.get(), MHD_HTTP_HEADER_CONNECTION, "close");
+    }
     if (allow != nullptr) {
         MHD_add_response_header(raw.get(), http_utils::http_header_allow.c_str(), allow);
     }
@@ -146,15 +158,36 @@ Map collect_values(MHD_Connection* connection, MHD_ValueKind kind) {
     return values;
 }
 
-bool declared_body_too_large(MHD_Connection* connection) {
-    const char* length =
-        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    return length != nullptr && strtoull(length, nullptr, 10) > SSCI_MAX_REQUEST_BODY;
+const char* header_value(MHD_Connection* connection, const char* name) {
+    return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
 }
 
-// First call: headers are in. Decides 404 / 405 now, but answers them
-// after the body so the client is not cut off while still sending. A
-// declared over-long body is refused at once, before it is sent.
+// An over-long body that the client waits for leave to send (Expect:
+// 100-continue) is refused before it is sent.
+bool refuse_body_at_once(MHD_Connection* connection) {
+    const char* length = header_value(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    const char* expect = header_value(connection, MHD_HTTP_HEADER_EXPECT);
+    return length != nullptr && strtoull(length, nullptr, 10) > SSCI_MAX_REQUEST_BODY &&
+           expect != nullptr && strcasecmp(expect, "100-continue") == 0;
+}
+
+// The request guard's refusal (recorded in the debug log), or null when
+// the request is served.
+const plain_reply* guard_refusal(MHD_Connection* connection, const char* method,
+                                 const char* url) {
+    switch (request_guard_check(connection, method, url, debug_log.path, debug_log.size_limit)) {
+    case request_verdict::misdirected:
+        return &MISDIRECTED;
+    case request_verdict::cross_origin:
+        return &CROSS_ORIGIN;
+    default:
+        return nullptr;
+    }
+}
+
+// First call: headers are in. Decides 403, 404, 405 and 421 now, but
+// answers them after the body so the client is not cut off while still
+// sending.
 MHD_Result begin_request(MHD_Connection* connection, const char* url, const char* method,
                          void** con_cls) {
     auto* state = new (std::nothrow) request_state;
@@ -167,9 +200,13 @@ MHD_Result begin_request(MHD_Connection* connection, const char* url, const char
     if (info != nullptr) {
         state->guarded = static_cast<guarded_connection*>(info->socket_context);
     }
-    if (declared_body_too_large(connection)) {
+    if (refuse_body_at_once(connection)) {
         connection_guard_request_received(state->guarded);
         return queue_plain(connection, BODY_TOO_LARGE);
+    }
+    state->refusal = guard_refusal(connection, method, url);
+    if (state->refusal != nullptr) {
+        return MHD_YES;
     }
     state->resource = find_http_resource(url);
     if (state->resource == nullptr) {
@@ -184,11 +221,15 @@ MHD_Result begin_request(MHD_Connection* connection, const char* url, const char
 }
 
 // Keeps the body while it fits the limit and a handler wants it; drops it
-// otherwise, and gives up on a sender that goes on far past the limit.
-MHD_Result take_body(request_state* state, const char* data, size_t* size) {
+// otherwise, and answers 413 at once to a sender that goes on far past the
+// limit (libmicrohttpd then reads no more and closes).
+MHD_Result take_body(MHD_Connection* connection, request_state* state, const char* data,
+                     size_t* size) {
     state->body_received += *size;
     if (state->body_received > SSCI_MAX_REQUEST_BODY + MAX_DISCARDED_BODY) {
-        return MHD_NO;
+        *size = 0;
+        connection_guard_request_received(state->guarded);
+        return queue_plain(connection, BODY_TOO_LARGE);
     }
     if (state->body_received > SSCI_MAX_REQUEST_BODY) {
         std::string().swap(state->body);
@@ -309,7 +350,7 @@ MHD_Result on_request(void*, MHD_Connection* connection, const char* url, const 
         }
         auto* state = static_cast<request_state*>(*con_cls);
         if (*upload_data_size != 0) {
-            return take_body(state, upload_data, upload_data_size);
+            return take_body(connection, state, upload_data, upload_data_size);
         }
         return finish_request(connection, url, method, state);
     } catch (...) {

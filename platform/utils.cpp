@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
 constexpr mode_t TOUCHED_FILE_MODE = 0644;
+// A UTF-8 character has at most three bytes after its first.
+constexpr int MAX_UTF8_CONTINUATION_BYTES = 3;
 
 bool isValidIpAddress(const char* text) {
     unsigned char address[sizeof(struct in6_addr)];
@@ -38,13 +41,36 @@ static json_object* typed_member(json_object* object, const char* key, json_type
     return member;
 }
 
+static bool is_utf8_continuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+// How much of `text` fits in `room` bytes: all of it, or the longest part
+// that ends with a whole UTF-8 character (a cut text stays valid UTF-8, so
+// every JSON reply that carries it does too; ASCII is cut at `room`).
+static std::size_t fitting_length(const char* text, std::size_t room) {
+    std::size_t length = strnlen(text, room + 1);
+    if (length <= room) {
+        return length;
+    }
+    length = room;
+    for (int back = 0; back < MAX_UTF8_CONTINUATION_BYTES && length > 0 &&
+                       is_utf8_continuation(text[length]);
+         ++back) {
+        --length;
+    }
+    return length;
+}
+
 int get_json_str_by_key(json_object* object, const char* key, char* buffer,
                         unsigned int size) {
     json_object* member = typed_member(object, key, json_type_string);
     if (member == nullptr || size == 0) {
         return -1;
     }
-    snprintf(buffer, size, "%s", json_object_get_string(member));
+    const char* text = json_object_get_string(member);
+    const std::size_t length = fitting_length(text, size - 1);
+    snprintf(buffer, size, "%.*s", static_cast<int>(length), text);
     return 0;
 }
 

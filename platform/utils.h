@@ -14,7 +14,8 @@ bool isValidIpAddress(const char* text);
 int touch_file(const char* path);
 
 // Copies the string member `key` of `object` into `buffer` (at most
-// size - 1 bytes, always zero-terminated). Leaves the buffer untouched when
+// size - 1 bytes, always zero-terminated; a longer text is cut after its
+// last whole UTF-8 character that fits). Leaves the buffer untouched when
 // `object` is not an object, the member is absent or not a string.
 // Returns 0 when copied, -1 otherwise.
 int get_json_str_by_key(json_object* object, const char* key, char* buffer,

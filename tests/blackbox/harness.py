@@ -3,14 +3,18 @@
 the sandbox's upper directory, where the test reads it or puts what it should find."""
 import collections
 import contextlib
+import html
 import http.client
+import json
 import os
+import re
 import resource
 import shutil
 import signal
 import socket
 import stat
 import subprocess
+import tempfile
 import time
 import uuid
 
@@ -178,3 +182,18 @@ def device_path_of(daemon, device_path):
 def register(daemon, name, port=80, ip="127.0.0.1"):
     body = f'{{"method": "register", "name": "{name}", "ip": "{ip}", "port": {port}}}'
     return daemon.request("POST", SVCMGR, body).body
+
+
+def chromium_result(url, budget_ms):
+    """Opens url in headless Chromium for budget_ms of the page's (virtual) time and
+    returns the JSON text that the page left in its <pre id="result">."""
+    with tempfile.TemporaryDirectory(prefix="chromium-") as profile:
+        done = subprocess.run(
+            [shutil.which("chromium"), "--headless", "--no-sandbox", "--disable-gpu",
+             "--no-first-run", f"--user-data-dir={profile}",
+             f"--virtual-time-budget={budget_ms}", "--dump-dom", url],
+            stdin=subprocess.DEVNULL, capture_output=True, timeout=deadline(60))
+    dom = done.stdout.decode("utf-8", "replace")
+    found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
+    assert found, dom[-2000:] + done.stderr.decode("utf-8", "replace")[-2000:]
+    return json.loads(html.unescape(found[1]))

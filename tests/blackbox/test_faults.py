@@ -11,7 +11,7 @@ import pytest
 
 from harness import OK, REGISTRY_FILE, SVCMGR, deadline, register, wait_for
 
-SEED = [f"s{index:03d},10.2.0.{index},{index}" for index in range(100)]
+SEED = [f"s{index:03d},127.2.0.{index},{index}" for index in range(100)]
 
 
 @pytest.mark.parametrize("plant, error", [(lambda path: os.symlink("/tmp/target", path), 40),
@@ -54,5 +54,5 @@ def test_killed_during_churn_keeps_every_seeded_service(sandbox):
         assert set(SEED) <= set(sandbox.read(REGISTRY_FILE).decode().split("\n"))
     restarted = sandbox.start().wait_ready()
     assert restarted.request("GET", SVCMGR + "?method=get_info&name=s042").body == (
-        b'{ "return": 0, "name": "s042", "ip": "10.2.0.42", "port": 42 }')
+        b'{ "return": 0, "name": "s042", "ip": "127.2.0.42", "port": 42 }')
     assert restarted.stop() == 0

@@ -7,9 +7,9 @@ import socket
 from fake_peer import FakePeer, silent
 from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, register, wait_for
 
-HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: d\r\n"
+HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.0.1\r\n"
            "Connection: close\r\n\r\n").encode()
-GET_INFO = f"GET {SVCMGR}?method=get_info&name=x HTTP/1.1\r\nHost: d\r\n\r\n".encode()
+GET_INFO = f"GET {SVCMGR}?method=get_info&name=x HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode()
 FAILED = b'{ "return": -5 }'
 RUNNING, WAITING, BEYOND = 64, 256, 10
 # A descriptor limit of 700 leaves 350 connections: above 301 open, the

@@ -4,7 +4,7 @@ import pytest
 
 from harness import OK, REGISTRY_FILE, SVCMGR, register
 
-REGISTER_A = '{"method": "register", "name": "svcA", "ip": "10.0.0.7", "port": 80}'
+REGISTER_A = '{"method": "register", "name": "svcA", "ip": "127.0.0.7", "port": 80}'
 BIG_BODY = '{"method": "register", "name": "big", "port": 1}'.ljust(64 * 1024)
 
 
@@ -20,7 +20,7 @@ WALK = [
     ("POST", SVCMGR, REGISTER_A, 200, OK),
     ("POST", SVCMGR, REGISTER_A, 200, OK),
     ("GET", SVCMGR + "?method=get_info&name=svcA", None, 200,
-     b'{ "return": 0, "name": "svcA", "ip": "10.0.0.7", "port": 80 }'),
+     b'{ "return": 0, "name": "svcA", "ip": "127.0.0.7", "port": 80 }'),
     ("GET", SVCMGR + "?method=get_info&name=nobody", None, 200,
      b'{ "return": -2, "name": "nobody", "ip": "", "port": 0 }'),
     ("GET", SVCMGR + "?method=get_info&name", None, 200,
@@ -53,7 +53,7 @@ def test_result_codes(daemon, method, path, body, status, expected):
 
 
 def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbox):
-    assert module_sandbox.read(REGISTRY_FILE) == b"svcA,10.0.0.7,80\n"
+    assert module_sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.7,80\n"
     assert (f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
             in daemon.stderr_text())
     assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
@@ -64,9 +64,9 @@ def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbo
     assert module_sandbox.read(REGISTRY_FILE) == (b"B,127.0.0.1,1\nb,127.0.0.1,2\n"
                                                   b"svcA,127.0.0.1,81\n")
     assert daemon.stop() == 0
-    module_sandbox.write(REGISTRY_FILE, b"x,1.2.3.4,5\nbroken\ny,9.9.9.9,7")
+    module_sandbox.write(REGISTRY_FILE, b"x,127.0.0.4,5\nbroken\ny,127.0.0.9,7")
     again = module_sandbox.start().wait_ready()
     reply = again.request("GET", SVCMGR + "?method=get_info&name=y")
-    assert reply.body == b'{ "return": 0, "name": "y", "ip": "9.9.9.9", "port": 7 }'
+    assert reply.body == b'{ "return": 0, "name": "y", "ip": "127.0.0.9", "port": 7 }'
     assert again.stop() == 0
-    assert module_sandbox.read(REGISTRY_FILE) == b"x,1.2.3.4,5\ny,9.9.9.9,7\n"
+    assert module_sandbox.read(REGISTRY_FILE) == b"x,127.0.0.4,5\ny,127.0.0.9,7\n"

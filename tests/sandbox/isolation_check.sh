@@ -12,9 +12,9 @@ trap 'rm -rf "$outer"' EXIT
 host=$outer/upper
 mkdir -p "$host/tmp" "$host/var" "$host/Ombrix/.mgrsvc_log"
 seeded="$host/tmp/.manager_svc.inf $host/var/.mgrsvc_ok $host/Ombrix/.mgrsvc_log/.mgrsvc_log"
-for file in $seeded; do echo "intruder,1.2.3.4,99" >"$file"; done
+for file in $seeded; do echo "intruder,127.0.0.4,99" >"$file"; done
 "$(dirname "$(realpath "$0")")/sandbox_run.sh" "$outer" \
     ctest --test-dir "$build" --output-on-failure "$@"
 for file in $seeded; do
-    [ "$(cat "$file")" = "intruder,1.2.3.4,99" ] || { echo "isolation_check: $file changed" >&2; exit 1; }
+    [ "$(cat "$file")" = "intruder,127.0.0.4,99" ] || { echo "isolation_check: $file changed" >&2; exit 1; }
 done

@@ -82,7 +82,7 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
         {{found, OK_HEAD + limit + "b"}, SSCI_ERR_TOO_LARGE, 0},
         {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, SSCI_ERR_STATUS, 0},
         {{OK_HEAD + R"({"return": -2})"}, SSCI_ERR_NOT_FOUND, 0},
-        {{OK_HEAD + R"({"return": 0, "ip": "1.2.3.4/x?", "port": 80})"}, SSCI_ERR_ARGUMENT, 0},
+        {{OK_HEAD + R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})"}, SSCI_ERR_ARGUMENT, 0},
     };
     ssci_nameserver_init("localhost", peer.port);
     for (const auto& [answers, result, size] : cases) {
@@ -99,8 +99,8 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
 
 TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
     char url[HTTP_GET_URL_SIZE];
-    ASSERT_EQ(build_get_url("10.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
-    EXPECT_STREQ(url, "10.0.0.7:7/name/svcmon?a=1");
+    ASSERT_EQ(build_get_url("127.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
+    EXPECT_STREQ(url, "127.0.0.7:7/name/svcmon?a=1");
     const std::string path(500, 'p');  // 1 + 500 + 90 + 433 = 1024 fits
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(433, 'q').c_str(), url), HTTP_GET_OK);
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url),

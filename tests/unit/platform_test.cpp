@@ -21,6 +21,7 @@
 #include "platform/diagnosis.h"
 #include "platform/dlog.h"
 #include "platform/relay_pool.h"
+#include "platform/request_guard.h"
 #include "platform/utils.h"
 
 namespace {
@@ -124,6 +125,31 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
 }
 
+// A text longer than its buffer is cut after its last whole character:
+// ASCII at 31 bytes, "\u00e9" (2 bytes), "\u20ac" (3) and U+1F600 (4) never
+// in the middle. A missing or non-string member leaves the buffer alone.
+TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
+    const std::string a(27, 'a'), e = "\xc3\xa9", euro = "\xe2\x82\xac", smile = "\xf0\x9f\x98\x80";
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(40, 'x'), std::string(31, 'x')}, {a + "bbbb", a + "bbbb"},
+        {a + "bbb" + e, a + "bbb"}, {a + "bb" + e, a + "bb" + e},
+        {a + "bb" + euro, a + "bb"}, {a + "b" + euro, a + "b" + euro},
+        {a + smile + "x", a + smile}, {a + "b" + smile, a + "b"},
+    };
+    for (const auto& [value, expected] : cases) {
+        json_object* object = json_object_new_object();
+        json_object_object_add(object, "name", json_object_new_string(value.c_str()));
+        json_object_object_add(object, "port", json_object_new_int(7));
+        char buffer[32] = "";
+        EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
+        EXPECT_EQ(buffer, expected);
+        EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), -2);
+        EXPECT_EQ(buffer, expected);
+        json_object_put(object);
+    }
+}
+
 // Jobs that wait until the gate opens; refusals are counted on the
 // submitting thread (the test's) only.
 struct job_counts {
@@ -209,10 +235,66 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     httpserver::string_response plain;
     EXPECT_EQ(plain.get_response_code(), 200);
     EXPECT_EQ(plain.get_header("content-TYPE"), "text/plain");
+    EXPECT_EQ(plain.get_header("X-Content-Type-Options"), "nosniff");
     common_http_resource resource("/a/b", nullptr, reply, reply, nullptr);
     EXPECT_EQ(resource.allowed_methods(), "POST, PUT");
     EXPECT_EQ(find_http_resource("/a/b/c"), &resource);
     EXPECT_EQ(find_http_resource("/a/bc"), nullptr);
+}
+
+TEST_F(Platform, RequestGuardServesOwnHostsOnly) {
+    char own[256] = "";
+    ASSERT_EQ(gethostname(own, sizeof own), 0);
+    const std::string name = own;
+    const std::string served[] = {"127.0.0.1", "127.0.0.1:10182", "10.1.2.3:80", "[::1]:10182",
+                                  "[fe80::1]", "localhost", "LocalHost.:1", "localhost:",
+                                  name, name + ":8080", name + ".local", name + ".LOCAL:1"};
+    const std::string refused[] = {"attacker.example", "attacker.example:10182", "::1",
+                                   "[::1", "[127.0.0.1]", "127.1", "127.0.0.1:123456",
+                                   "127.0.0.1:80x", "localhost.localdomain", ":80", "",
+                                   name + "x", name + ".localx", "x" + name};
+    for (const std::string& host : served) {
+        EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}),
+                  request_verdict::served) << host;
+    }
+    for (const std::string& host : refused) {
+        EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}),
+                  request_verdict::misdirected) << host;
+    }
+    EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), request_verdict::served);
+}
+
+// A state change is refused when the browser says another origin's page
+// asks; reading is not, nor is a client that says nothing.
+TEST_F(Platform, RequestGuardRefusesStateChangesFromOtherOrigins) {
+    const char* host = "127.0.0.1:10182";
+    const struct {
+        const char* method;
+        const char* origin;
+        const char* fetch_site;
+        request_verdict verdict;
+    } cases[] = {
+        {"POST", nullptr, nullptr, request_verdict::served},
+        {"POST", "http://127.0.0.1:10182", nullptr, request_verdict::served},
+        {"DELETE", nullptr, "same-origin", request_verdict::served},
+        {"POST", "http://127.0.0.1:9999", "none", request_verdict::served},
+        {"GET", "http://attacker.example", "cross-site", request_verdict::served},
+        {"OPTIONS", "null", "cross-site", request_verdict::served},
+        {"POST", "http://127.0.0.1:9999", nullptr, request_verdict::cross_origin},
+        {"POST", "https://127.0.0.1:10182", nullptr, request_verdict::cross_origin},
+        {"POST", "http://127.0.0.1:10182/", nullptr, request_verdict::cross_origin},
+        {"DELETE", "null", nullptr, request_verdict::cross_origin},
+        {"PUT", nullptr, "same-site", request_verdict::cross_origin},
+        {"POST", "http://127.0.0.1:10182", "cross-site", request_verdict::cross_origin},
+        {"post", "http://127.0.0.1:9999", nullptr, request_verdict::cross_origin},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(request_guard_judge({c.method, host, c.origin, c.fetch_site}), c.verdict)
+            << c.method << " " << (c.origin ? c.origin : "-") << " "
+            << (c.fetch_site ? c.fetch_site : "-");
+    }
+    EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}),
+              request_verdict::cross_origin);
 }
 
 }  // namespace

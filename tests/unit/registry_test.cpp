@@ -115,14 +115,14 @@ struct registry_test : testing::Test {
 // What start-up loads, shutdown writes back.
 TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     const std::pair<const char*, std::string> cases[] = {
-        {"empty.inf", ""}, {"last_line_no_lf.inf", "a,10.0.0.2,80\n"}, {"too_few_fields.inf", "b,10.0.0.3,81\n"},
-        {"truncated_mid_line.inf", "a,10.0.0.2,80\n"}, {"too_many_fields.inf", "c,10.0.0.4,82\n"},
-        {"empty_fields.inf", "a,10.0.0.2,80\nb,10.0.0.3,81\n"}, {"blank_lines.inf", "a,10.0.0.2,80\nb,10.0.0.3,81\n"},
-        {"port_not_number.inf", "a,10.0.0.2,0\nb,10.0.0.3,80\nc,10.0.0.4,81\nd,10.0.0.5,-7\ne,10.0.0.6,2147483647\n"},
-        {"carriage_returns.inf", "a,10.0.0.2,80\nb,10.0.0.3\r,81\n"}, {"fields_by_position.inf", "a,80,10\n"},
-        {"repeated_names.inf", "a,10.0.0.9,90\nb,10.0.0.3,81\n"}, {"line_131_chars.inf", "z,10.0.0.4,82\n"},
-        {"line_126_chars.inf", std::string(114, 'n') + ",10.0.0.2,80\nz,10.0.0.4,82\n"},
-        {"line_300_chars.inf", "z,10.0.0.4,82\n"}, {"binary_junk.inf", "a,10.0.0.2,80\nc,10.0.0.4,82\n\xfe\xfd,\x01ip,7\n"},
+        {"empty.inf", ""}, {"last_line_no_lf.inf", "a,127.0.0.2,80\n"}, {"too_few_fields.inf", "b,127.0.0.3,81\n"},
+        {"truncated_mid_line.inf", "a,127.0.0.2,80\n"}, {"too_many_fields.inf", "c,127.0.0.4,82\n"},
+        {"empty_fields.inf", "a,127.0.0.2,80\nb,127.0.0.3,81\n"}, {"blank_lines.inf", "a,127.0.0.2,80\nb,127.0.0.3,81\n"},
+        {"port_not_number.inf", "a,127.0.0.2,0\nb,127.0.0.3,80\nc,127.0.0.4,81\nd,127.0.0.5,-7\ne,127.0.0.6,2147483647\n"},
+        {"carriage_returns.inf", "a,127.0.0.2,80\nb,127.0.0.3\r,81\n"}, {"fields_by_position.inf", "a,80,127\n"},
+        {"repeated_names.inf", "a,127.0.0.9,90\nb,127.0.0.3,81\n"}, {"line_131_chars.inf", "z,127.0.0.4,82\n"},
+        {"line_126_chars.inf", std::string(113, 'n') + ",127.0.0.2,80\nz,127.0.0.4,82\n"},
+        {"line_300_chars.inf", "z,127.0.0.4,82\n"}, {"binary_junk.inf", "a,127.0.0.2,80\nc,127.0.0.4,82\n\xfe\xfd,\x01ip,7\n"},
     };
     for (const auto& [fixture, loaded] : cases) {
         reset();
@@ -175,14 +175,14 @@ TEST_F(registry_test, OutOfMemoryChangesNothing) {
     for (long allocations = 0; allocations < 64 && registry_text() == before; allocations++) {
         allocations_left.store(allocations);
         try {
-            add(std::string(40, 'n'), "10.0.0.1");
+            add(std::string(40, 'n'), "127.0.0.1");
         } catch (const std::bad_alloc&) {
             allocations_left.store(-1);
             EXPECT_EQ(before + before, registry_text() + read_file(REGISTRY_FILE_PATH));
         }
         allocations_left.store(-1);
     }
-    EXPECT_EQ(before + std::string(40, 'n') + ",10.0.0.1,1\n", registry_text());
+    EXPECT_EQ(before + std::string(40, 'n') + ",127.0.0.1,1\n", registry_text());
     write_file(REGISTRY_FILE_PATH, "old\n");
     allocations_left.store(0);
     svc_info_write_back();
