@@ -17,7 +17,8 @@
 
 usage: bench/web_bench.py [--build DIR] [--seconds S] [--rounds N]
                           [--threads T] [--tries N] [--readers N]
-The daemon runs in the test sandbox, nginx outside it on a loopback port.
+The daemon and nginx run in sandboxes of their own (overlays of "/"), on
+loopback ports.
 Needs wrk, nginx (package nginx-light) and root for the sandbox.
 """
 import argparse
@@ -29,7 +30,7 @@ import tempfile
 import threading
 import time
 
-from bench import wrk
+from bench import cpu_seconds, measured_run
 from bench_support import ROOT, Sandboxes, parse_args, proc_status
 
 WEB = "/managerService/svcmon/web"
@@ -61,17 +62,19 @@ http {{
 
 
 class Nginx:
-    """nginx serving the directory `root` on a free loopback port."""
+    """nginx serving the directory `root` on a free loopback port, in a
+    sandbox of its own, so that it reads the page through the same overlay
+    as the daemon."""
 
-    def __init__(self, root):
-        from harness import free_port, port_answers, wait_for
+    def __init__(self, box, root):
+        from harness import SANDBOX_RUN, free_port, port_answers, wait_for
         self.dir = tempfile.mkdtemp(prefix="web-bench-nginx.")
         self.port = free_port()
         conf = os.path.join(self.dir, "nginx.conf")
         with open(conf, "w") as out:
             out.write(NGINX_CONF.format(dir=self.dir, port=self.port, root=root))
-        self.proc = subprocess.Popen(["nginx", "-c", conf, "-e", os.path.join(self.dir, "error.log"),
-                                      "-g", "daemon off;"])
+        self.proc = subprocess.Popen([SANDBOX_RUN, box.root, "nginx", "-c", conf, "-e",
+                                      os.path.join(self.dir, "error.log"), "-g", "daemon off;"])
         assert wait_for(lambda: port_answers(self.port), 10), "nginx did not start"
 
     def close(self):
@@ -80,23 +83,33 @@ class Nginx:
         subprocess.run(["rm", "-rf", self.dir], check=True)
 
 
+def cpu_of_group(pid):
+    """CPU seconds of a process and its children so far (nginx's workers)."""
+    children = subprocess.run(["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout
+    return sum(cpu_seconds(int(child)) for child in [pid] + children.split())
+
+
 def against_nginx(sandbox_factory, args):
     web = os.path.join(ROOT, "web")
     daemon = sandbox_factory().start("-t", str(args.threads), "-D", web + "/").wait_ready()
-    nginx = Nginx(web)
+    nginx = Nginx(sandbox_factory(), web)
     mine = daemon.request("GET", WEB + PAGE).body
     with open(web + PAGE, "rb") as page:
         assert mine == page.read()
     for connections in CONNECTIONS:
-        ratios = []
+        ratios, cpus = [], []
         for _ in range(args.rounds):
-            ours = wrk(daemon.port, WEB + PAGE, connections, args.seconds)
-            theirs = wrk(nginx.port, PAGE, connections, args.seconds)
+            ours, our_cpu = measured_run(daemon.pid, daemon.port, WEB + PAGE, connections,
+                                         args.seconds)
+            theirs, their_cpu = measured_run(nginx.proc.pid, nginx.port, PAGE, connections,
+                                             args.seconds, cpu_of_group)
             ratios.append(ours / theirs)
+            cpus.append(our_cpu / their_cpu)
             print(f"  {connections} conn.: daemon {ours:,.0f} req/s, nginx {theirs:,.0f} req/s, "
-                  f"ratio {ours / theirs:.2f}")
+                  f"ratio {ours / theirs:.2f}; CPU per request {our_cpu:.1f} / {their_cpu:.1f} us")
         print(f"monitor page ({len(mine)} B) against nginx, {connections} connections: "
-              f"median ratio {statistics.median(ratios):.2f}")
+              f"median ratio {statistics.median(ratios):.2f}, "
+              f"CPU per request {statistics.median(cpus):.2f} of nginx's")
     nginx.close()
     daemon.stop()
 

@@ -190,14 +190,11 @@ int open_checked_file(const std::string& real_home, const std::string& abs_path,
     }
     int fd = -1;
     if (fstat(path_fd, info) == 0 && S_ISREG(info->st_mode) && opened_inside(path_fd, real_home)) {
-        // Known to be a regular file, so the open cannot block.
+        // The same inode, known to be a regular file, so the open cannot
+        // block; the length and validators are those of the check.
         fd = open(fd_link(path_fd).c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
     }
     close(path_fd);
-    if (fd >= 0 && fstat(fd, info) != 0) {
-        close(fd);
-        fd = -1;
-    }
     return fd;
 }
 
