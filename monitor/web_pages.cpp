@@ -1,22 +1,17 @@
 // web_pages.cpp - the monitor's web pages (see the header). Owns
 // g_svcmon_home_path and its resolved form g_real_home_path, both written
 // before the server starts and read-only afterwards (no lock).
-//
 // Served: regular files whose real path, read back from the opened file (an
 // O_PATH descriptor, through /proc/self/fd), lies inside the real home
 // directory, so a directory or symlink swapped in after the check leads
-// nowhere else. A ".." segment, a directory, a device or FIFO, a symlink out
-// of the home directory, a file beside it (a -D path without a final "/"
-// joined to "foo.js"), and a missing file get the 404 page.
-//
-// Sent: libmicrohttpd sends the checked descriptor with sendfile, so a reply
-// holds no copy of the page. The length is the size at open: a file being
-// appended to is sent up to that length; one cut shorter meanwhile ends its
-// reply early (the connection is closed). ETag (device, inode, size,
-// modification time), Last-Modified and "Cache-Control: no-cache" make a
-// browser ask again each time; If-None-Match naming the ETag (or "*"), or
-// else an If-Modified-Since not older than the file, gets 304 with the
-// page's length and no body.
+// nowhere else; anything else gets the 404 page. Sent: libmicrohttpd sends
+// the checked descriptor with sendfile, so a reply holds no copy of the page.
+// The length is the size at open: a file being appended to is sent up to
+// that length; one cut shorter meanwhile ends its reply early (the
+// connection is closed). ETag (device, inode, size, modification time),
+// Last-Modified and "Cache-Control: no-cache" make a browser ask again each
+// time; a matching If-None-Match (or "*"), or else an If-Modified-Since not
+// older than the file, gets 304 with the page's length and no body.
 #include "monitor/web_pages.h"
 
 #include <fcntl.h>
@@ -26,7 +21,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 
 #include "common/print_log.h"
@@ -38,22 +32,14 @@ namespace {
 
 constexpr const char WEB_START_PAGE[] = "/managerService/svcmon/web/index.html";
 // Extension (after the last ".") to content type, searched in order.
-struct mime_type_row {
-    const char* extension;
-    const char* content_type;
-};
-constexpr mime_type_row mime_type_table[3] = {
-    {"html", "text/html"},
-    {"htm", "text/html"},
-    {"js", "application/javascript"},
-};
+constexpr const char* const mime_type_table[3][2] = {
+    {"html", "text/html"}, {"htm", "text/html"}, {"js", "application/javascript"}};
 constexpr const char DEFAULT_CONTENT_TYPE[] = "text/html";
 constexpr int HTTP_STATUS_FOUND = 302;
 constexpr int HTTP_STATUS_NOT_MODIFIED = 304;
 constexpr int HTTP_STATUS_NOT_FOUND = 404;
 constexpr const char NOT_FOUND_BODY[] = "404 Not Found";
 constexpr const char PARENT_SEGMENT[] = "/../";
-
 constexpr const char HEADER_ETAG[] = "ETag";
 constexpr const char HEADER_LAST_MODIFIED[] = "Last-Modified";
 constexpr const char HEADER_CACHE_CONTROL[] = "Cache-Control";
@@ -63,9 +49,7 @@ constexpr const char REVALIDATE_EACH_TIME[] = "no-cache";
 constexpr const char WEAK_TAG_PREFIX[] = "W/";
 // No other site may show a page in a frame (clickjacking).
 constexpr const char* const FRAMING_HEADERS[][2] = {
-    {"X-Frame-Options", "DENY"},
-    {"Content-Security-Policy", "frame-ancestors 'none'"},
-};
+    {"X-Frame-Options", "DENY"}, {"Content-Security-Policy", "frame-ancestors 'none'"}};
 
 // The canonical absolute form of an existing path, or "" when it has none.
 std::string real_path_of(const std::string& path) {
@@ -73,26 +57,22 @@ std::string real_path_of(const std::string& path) {
     return path.empty() || realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
 }
 
-// The home path with its symlinks resolved, taken once when the home path
-// is set. Empty while the home directory does not exist; requests then
-// resolve it themselves, so pages installed after start-up are still served.
+// The home path with its symlinks resolved when it is set; empty while the
+// directory does not exist (requests then resolve it themselves).
 std::string g_real_home_path;
 
 std::string entity_tag(const struct stat& info) {
+    using number = unsigned long long;
+    const number modified = number(info.st_mtim.tv_sec) * 1000000000ULL + info.st_mtim.tv_nsec;
     char tag[96];
-    snprintf(tag, sizeof tag, "\"%llx-%llx-%llx-%llx\"",
-             static_cast<unsigned long long>(info.st_dev),
-             static_cast<unsigned long long>(info.st_ino),
-             static_cast<unsigned long long>(info.st_size),
-             static_cast<unsigned long long>(info.st_mtim.tv_sec) * 1000000000ULL +
-                 static_cast<unsigned long long>(info.st_mtim.tv_nsec));
+    snprintf(tag, sizeof tag, "\"%llx-%llx-%llx-%llx\"", number(info.st_dev), number(info.st_ino),
+             number(info.st_size), modified);
     return tag;
 }
 
 // IMF-fixdate: "Sun, 06 Nov 1994 08:49:37 GMT" (the C locale's names; the
 // daemon never changes its locale).
 constexpr const char HTTP_DATE_FORMAT[] = "%a, %d %b %Y %H:%M:%S GMT";
-
 std::string http_date(time_t seconds) {
     tm parts{};
     gmtime_r(&seconds, &parts);
@@ -117,10 +97,8 @@ bool tag_list_names(const std::string& list, const std::string& tag) {
     std::istringstream entries(list);
     std::string entry;
     while (std::getline(entries, entry, ',')) {
-        const std::size_t first = entry.find_first_not_of(" \t");
-        entry = first == std::string::npos
-                    ? ""
-                    : entry.substr(first, entry.find_last_not_of(" \t") - first + 1);
+        entry.erase(entry.find_last_not_of(" \t") + 1);
+        entry.erase(0, entry.find_first_not_of(" \t"));
         if (entry.compare(0, sizeof WEAK_TAG_PREFIX - 1, WEAK_TAG_PREFIX) == 0) {
             entry.erase(0, sizeof WEAK_TAG_PREFIX - 1);
         }
@@ -136,9 +114,9 @@ bool tag_list_names(const std::string& list, const std::string& tag) {
 const char* web_content_type(const std::string& abs_path) {
     const std::size_t dot = abs_path.find_last_of('.');
     const std::string extension = dot == std::string::npos ? "" : abs_path.substr(dot + 1);
-    for (const mime_type_row& row : mime_type_table) {
-        if (extension == row.extension) {
-            return row.content_type;
+    for (const auto& row : mime_type_table) {
+        if (extension == row[0]) {
+            return row[1];
         }
     }
     return DEFAULT_CONTENT_TYPE;
@@ -162,7 +140,6 @@ bool web_page_unchanged(const httpserver::http_request& request, const std::stri
            since >= modified;
 }
 
-// The /proc/self/fd name of a descriptor.
 std::string fd_link(int fd) {
     return "/proc/self/fd/" + std::to_string(fd);
 }
@@ -225,12 +202,19 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
                                                       int fd, const struct stat& info,
                                                       const std::string& abs_path) {
-    const std::string etag = entity_tag(info);
-    const bool unchanged = web_page_unchanged(request, etag, info.st_mtim.tv_sec);
-    auto reply = std::make_shared<httpserver::file_response>(
-        fd, static_cast<std::uint64_t>(info.st_size),
-        unchanged ? HTTP_STATUS_NOT_MODIFIED : HTTP_STATUS_OK,
-        unchanged ? "" : web_content_type(abs_path));
+    std::string etag;
+    std::shared_ptr<httpserver::http_response> reply;
+    try {
+        etag = entity_tag(info);
+        const bool unchanged = web_page_unchanged(request, etag, info.st_mtim.tv_sec);
+        reply = std::make_shared<httpserver::file_response>(
+            fd, static_cast<std::uint64_t>(info.st_size),
+            unchanged ? HTTP_STATUS_NOT_MODIFIED : HTTP_STATUS_OK,
+            unchanged ? "" : web_content_type(abs_path));
+    } catch (...) {  // no reply owns the descriptor yet
+        close(fd);
+        throw;
+    }
     reply->with_header(HEADER_ETAG, etag);
     reply->with_header(HEADER_LAST_MODIFIED, http_date(info.st_mtim.tv_sec));
     reply->with_header(HEADER_CACHE_CONTROL, REVALIDATE_EACH_TIME);

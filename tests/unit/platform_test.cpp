@@ -221,7 +221,8 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(resource.handler_for("PUT", "/a/b"), reply);
     EXPECT_EQ(resource.handler_for("HEAD", "/a/b"), nullptr);
     // HEAD reaches the GET handler only on the paths its rule names.
-    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr, head_below_files);
+    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr,
+                               head_below_files);
     EXPECT_EQ(files.handler_for("HEAD", "/a/files/x"), reply);
     EXPECT_EQ(files.handler_for("HEAD", "/a"), nullptr);
     EXPECT_EQ(files.allowed_methods(), "GET");

@@ -73,9 +73,9 @@ TEST_F(WebPages, ParentSegmentsAreRefusedEvenWhenTheyLeadInside) {
 
 TEST_F(WebPages, ContentTypeComesFromTheLastDotOfTheWholePath) {
     const std::pair<const char*, const char*> cases[] = {
-        {"/index.html", "text/html"}, {"/p.htm", "text/html"}, {"/app.js", "application/javascript"},
-        {"/app.JS", "text/html"},     {"/s.css", "text/html"}, {"/i", "text/html"},
-        {"/a.b/page", "text/html"},
+        {"/index.html", "text/html"}, {"/p.htm", "text/html"},
+        {"/app.js", "application/javascript"}, {"/app.JS", "text/html"},
+        {"/s.css", "text/html"}, {"/i", "text/html"}, {"/a.b/page", "text/html"},
     };
     for (const auto& [path, type] : cases) {
         EXPECT_EQ(type, serve(path)->get_header("Content-Type")) << path;
@@ -89,14 +89,16 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     ASSERT_EQ(0, stat((root + "/home/index.html").c_str(), &info));
     char expected[96];
     snprintf(expected, sizeof expected, "\"%llx-%llx-%llx-%llx\"",
-             static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino),
+             static_cast<unsigned long long>(info.st_dev),
+             static_cast<unsigned long long>(info.st_ino),
              static_cast<unsigned long long>(info.st_size), MODIFIED * 1000000000ULL);
     EXPECT_EQ(expected, tag);
     EXPECT_EQ(DATE, page->get_header("Last-Modified"));
     EXPECT_EQ("no-cache", page->get_header("Cache-Control"));
     const std::tuple<std::string, const char*, int> cases[] = {
-        {tag, "", 304}, {"W/" + tag, "", 304}, {"\"a\", \t" + tag + " ,\"b\"", "", 304}, {"*", "", 304},
-        {"\"u\"", "", 200}, {"\"u\"", DATE, 200}, {"", DATE, 304}, {"", "Mon, 07 Nov 1994 00:00:00 GMT", 304},
+        {tag, "", 304}, {"W/" + tag, "", 304}, {"\"a\", \t" + tag + " ,\"b\"", "", 304},
+        {"*", "", 304}, {"\"u\"", "", 200}, {"\"u\"", DATE, 200}, {"", DATE, 304},
+        {"", "Mon, 07 Nov 1994 00:00:00 GMT", 304},
         {"", "Sun, 06 Nov 1994 08:49:36 GMT", 200}, {"", "Sunday, 06-Nov-94 08:49:37 GMT", 200},
         {"", "Sun, 06 Xyz 1994 08:49:37 GMT", 200}, {"", "Sun, 06 Nov 1994 08:49:37 GMT x", 200},
     };
