@@ -7,8 +7,8 @@
 // nowhere else; anything else gets the 404 page. Sent: libmicrohttpd sends
 // the checked descriptor with sendfile, so a reply holds no copy of the page.
 // The length is the size at open: a file being appended to is sent up to
-// that length; one cut shorter meanwhile ends its reply early (the
-// connection is closed). ETag (device, inode, size, modification time),
+// that length; one cut shorter meanwhile gets a short reply, its connection
+// closed by the idle limit. ETag (device, inode, size, modification time),
 // Last-Modified and "Cache-Control: no-cache" make a browser ask again each
 // time; a matching If-None-Match (or "*"), or else an If-Modified-Since not
 // older than the file, gets 304 with the page's length and no body.

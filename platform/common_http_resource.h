@@ -35,9 +35,10 @@ typedef bool (*head_rule)(const std::string& path);
 
 class common_http_resource {
 public:
-    // Registers the path with its four handlers (null: no handler), for a
-    // resource that relays its marking (which must outlive it), and the
-    // paths on which HEAD is answered (null: none; HEAD then gets 405).
+    // Registers the path with its four handlers (null: no handler), the
+    // marking of a resource that relays (null: none; it must outlive the
+    // resource), and the paths on which HEAD is answered (null: none, HEAD
+    // then gets 405).
     common_http_resource(const char* path, http_handler get, http_handler post,
                          http_handler put, http_handler del,
                          const relay_marking* relay = nullptr, head_rule head = nullptr);

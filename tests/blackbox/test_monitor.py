@@ -3,6 +3,7 @@ its error codes, the web pages (types, redirect, 404 for anything outside
 the home path, revalidation) and the prober's reachability."""
 import json
 import os
+import socket
 import threading
 import time
 
@@ -153,3 +154,21 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
         assert reply.headers["content-length"] == str(len(reply.body))
         assert final.startswith(reply.body)
     assert len({len(reply.body) for reply in replies}) > 1 and monitor.alive()
+
+
+def test_a_page_cut_shorter_while_sent_ends_its_reply(monitor):
+    """The reply stops short and its connection closes (idle limit); the
+    daemon serves on."""
+    path = device_path_of(monitor, "/www/cut.html")
+    with open(path, "wb") as page:
+        page.write(b"c" * (8 << 20))
+    reader = socket.create_connection(("127.0.0.1", monitor.port), timeout=30)
+    reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    reader.sendall(b"GET " + (WEB + "/cut.html").encode() + b" HTTP/1.1\r\nHost: t\r\n\r\n")
+    received = reader.recv(4096)
+    os.truncate(path, 100)
+    while chunk := reader.recv(1 << 16):
+        received += chunk
+    reader.close()
+    assert len(received) < 8 << 20
+    assert monitor.request("GET", WEB + "/cut.html").body == b"c" * 100
