@@ -2,14 +2,16 @@
 // reply helper. Stateless; safe on any listener thread.
 #include "endpoints/ssci_response.h"
 
-ssci_response::ssci_response(const std::string& body_text, int status,
-                             const std::string& content_type)
-    : httpserver::string_response(body_text, status, content_type), body(body_text) {}
+#include <utility>
+
+ssci_response::ssci_response(std::string body_text, int status, const std::string& content_type)
+    : httpserver::string_response(std::move(body_text), status, content_type),
+      body(get_content()) {}
 
 std::shared_ptr<httpserver::http_response> make_ssci_response(
-    const std::string& body, int status, const std::string& content_type) {
+    std::string body, int status, const std::string& content_type) {
     return std::shared_ptr<httpserver::http_response>(
-        new ssci_response(body, status, content_type));
+        new ssci_response(std::move(body), status, content_type));
 }
 
 json_object* new_reply_object(int result) {

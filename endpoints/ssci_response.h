@@ -19,14 +19,15 @@ constexpr const char RETURN_MEMBER[] = "return";
 
 class ssci_response : public httpserver::string_response {
 public:
-    ssci_response(const std::string& body, int status, const std::string& content_type);
+    ssci_response(std::string body, int status, const std::string& content_type);
 
-    std::string body;
+    // The body text: the very bytes that are sent (no second copy).
+    const std::string& body;
 };
 
 // A new ssci_response owned by a new shared pointer.
 std::shared_ptr<httpserver::http_response> make_ssci_response(
-    const std::string& body, int status, const std::string& content_type);
+    std::string body, int status, const std::string& content_type);
 
 // A new reply object holding "return" = result; members added later follow it.
 json_object* new_reply_object(int result);

@@ -37,7 +37,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
-// The body of a handler's reply (every one is a string_response).
+// The body of a handler's text reply (a string_response; web pages are
+// sent from their file instead).
 inline std::string fuzz_reply_body(const httpserver::http_response& reply) {
     auto text = dynamic_cast<const httpserver::string_response*>(&reply);
     fuzz_check(text != nullptr, "reply is not a string response");

@@ -1,13 +1,13 @@
 // web_path_fuzz.cpp - fuzz target for the monitor's web-page paths: the
 // first byte picks the home path, the rest follows the web prefix. Checked:
 // 302 exactly for the bare prefix (and "/"); 200 only for a file whose real
-// path lies inside the real home, with its bytes; else 404, and never for a
-// regular file inside the home reached without a ".." segment.
+// path lies inside the real home, and that very file (its ETag names its
+// device, inode and size); else 404, and never for a regular file inside the
+// home reached without a ".." segment.
 #include <sys/stat.h>
 
 #include <climits>
 #include <cstdint>
-#include <fstream>
 #include <sstream>
 
 #include "endpoints/ssci_response.h"
@@ -41,6 +41,15 @@ bool servable(const std::string& home, const std::string& related, const std::st
            S_ISREG(info.st_mode);
 }
 
+// The start of the ETag of the file at this path: device, inode, size.
+std::string identity_of(const std::string& path) {
+    struct stat info{};
+    stat(path.c_str(), &info);
+    std::ostringstream tag;
+    tag << std::hex << '"' << info.st_dev << '-' << info.st_ino << '-' << info.st_size << '-';
+    return tag.str();
+}
+
 }  // namespace
 
 void fuzz_set_up() {
@@ -61,10 +70,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const bool bare = related.empty() || related == "/";
     fuzz_check((status == STATUS_FOUND) == bare, "redirect", related);
     if (status == HTTP_STATUS_OK) {
-        std::stringstream bytes;
-        bytes << std::ifstream(real, std::ios::binary).rdbuf();
-        fuzz_check(servable(home, related, real) && fuzz_reply_body(*reply) == bytes.str(),
-                   "served a file outside the home directory, or other bytes", related);
+        fuzz_check(servable(home, related, real) &&
+                       reply->get_header("ETag").rfind(identity_of(real), 0) == 0,
+                   "served a file outside the home directory, or another file", related);
     } else if (!bare) {
         fuzz_check(status == STATUS_NOT_FOUND && !servable(home, related, real), "404", related);
     }

@@ -151,7 +151,7 @@ const std::shared_ptr<httpserver::http_response> proc_svcmon_get(
     print_log(DEBUG, "%s()\n", "proc_svcmon_get");
     std::string str_req_path = request.get_path();
     print_log(DEBUG, "str_req_path=[%s]\n", str_req_path.c_str());
-    if (str_req_path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
+    if (web_page_path(str_req_path)) {
         return proc_web_service(request);
     }
     if (str_req_path == SVCMON_PATH) {
@@ -178,4 +178,4 @@ const relay_marking history_relay = {is_history_request, history_not_asked};
 }  // namespace
 
 common_http_resource svcmon_resource(SVCMON_PATH, proc_svcmon_get, nullptr, nullptr, nullptr,
-                                     &history_relay);
+                                     &history_relay, web_page_path);

@@ -14,6 +14,8 @@ namespace {
 // The method names in the order of the handler slots.
 constexpr const char* METHOD_NAMES[] = {"GET", "POST", "PUT", "DELETE"};
 constexpr const char ALLOW_SEPARATOR[] = ", ";
+constexpr const char HEAD_METHOD[] = "HEAD";
+constexpr std::size_t GET_SLOT = 0;
 
 static_assert(sizeof METHOD_NAMES / sizeof METHOD_NAMES[0] == 4,
               "one method name per handler slot");
@@ -40,10 +42,12 @@ bool path_covers(const std::string& resource_path, const std::string& request_pa
 
 common_http_resource::common_http_resource(const char* resource_path, http_handler get,
                                            http_handler post, http_handler put,
-                                           http_handler del, const relay_marking* relay_rule)
+                                           http_handler del, const relay_marking* relay_rule,
+                                           head_rule head_paths)
     : path(resource_path == nullptr ? "" : resource_path),
       handlers{get, post, put, del},
-      relay(relay_rule) {
+      relay(relay_rule),
+      head(head_paths) {
     resource_table().push_back(this);
 }
 
@@ -52,7 +56,11 @@ common_http_resource::~common_http_resource() {
     table.erase(std::remove(table.begin(), table.end(), this), table.end());
 }
 
-http_handler common_http_resource::handler_for(const std::string& method) const {
+http_handler common_http_resource::handler_for(const std::string& method,
+                                               const std::string& request_path) const {
+    if (method == HEAD_METHOD) {
+        return head != nullptr && head(request_path) ? handlers[GET_SLOT] : nullptr;
+    }
     for (std::size_t i = 0; i < handlers.size(); ++i) {
         if (method == METHOD_NAMES[i]) {
             return handlers[i];

@@ -1,7 +1,8 @@
 // common_http_resource.h - binds one URL path to its GET, POST, PUT and
 // DELETE handlers (and, for a resource whose handler waits on another
-// service, the marking of those requests), and the table of all such
-// bindings that the service-bus server dispatches through.
+// service, the marking of those requests; for one that serves files, the
+// paths that HEAD may ask for), and the table of all such bindings that the
+// service-bus server dispatches through.
 // The table is filled by the constructors, which run during static
 // initialisation (or, in tests, while no server runs); the server only
 // reads it. No lock: it never changes while listener threads exist.
@@ -28,20 +29,26 @@ struct relay_marking {
     http_handler refused;
 };
 
+// True for the request paths of a resource on which HEAD is answered by
+// the GET handler (libmicrohttpd then sends the reply without its body).
+typedef bool (*head_rule)(const std::string& path);
+
 class common_http_resource {
 public:
-    // Registers the path with its four handlers (null: no handler) and,
-    // for a resource that relays, its marking (which must outlive it).
+    // Registers the path with its four handlers (null: no handler), the
+    // marking of a resource that relays (null: none; it must outlive the
+    // resource), and the paths on which HEAD is answered (null: none, HEAD
+    // then gets 405).
     common_http_resource(const char* path, http_handler get, http_handler post,
                          http_handler put, http_handler del,
-                         const relay_marking* relay = nullptr);
+                         const relay_marking* relay = nullptr, head_rule head = nullptr);
     ~common_http_resource();
     common_http_resource(const common_http_resource&) = delete;
     common_http_resource& operator=(const common_http_resource&) = delete;
 
     const std::string& get_path() const { return path; }
-    // The handler for an HTTP method name, or null.
-    http_handler handler_for(const std::string& method) const;
+    // The handler for an HTTP method name on this request path, or null.
+    http_handler handler_for(const std::string& method, const std::string& request_path) const;
     // The methods that have a handler, as an Allow header value ("GET, POST").
     std::string allowed_methods() const;
     // The marking when this request waits on another service, else null.
@@ -52,6 +59,7 @@ private:
     // The handlers in the order GET, POST, PUT, DELETE.
     std::array<http_handler, 4> handlers;
     const relay_marking* relay;
+    head_rule head;
 };
 
 // The resource whose path is the request path or lies above it (the longest

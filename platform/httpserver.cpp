@@ -1,17 +1,15 @@
 // httpserver.cpp - the request and response objects that handlers see, and
 // how a response becomes a libmicrohttpd response.
-// A request belongs to the listener thread that handles it. A response may
-// be sent by several requests at once: its libmicrohttpd response is made
-// by the first of them (should two make one, the first stored is kept) and
-// then only read (libmicrohttpd counts the requests that send it under its
-// own lock). A string_response hands its body to libmicrohttpd without a
-// copy, so the server keeps the response object alive until each request
-// that sends it is complete; its bytes are immutable and may be shared with
-// other responses.
+// A request, and the response made for it, belong to the listener thread
+// that handles it (or the relay worker that answers it). A string_response
+// hands its body to libmicrohttpd without a copy, so the server keeps the
+// response object alive until the request is complete; a file_response
+// hands over its descriptor instead.
 #include "platform/httpserver.h"
 
 #include <microhttpd.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -57,31 +55,7 @@ http_response::http_response(int code, const std::string& content_type)
     }
 }
 
-http_response::~http_response() {
-    if (MHD_Response* made = raw.load()) {
-        MHD_destroy_response(made);
-    }
-}
-
-MHD_Response* http_response::raw_response() {
-    MHD_Response* made = raw.load();
-    if (made != nullptr) {
-        return made;
-    }
-    made = get_raw_response();
-    if (made == nullptr || !decorate_response(made)) {
-        if (made != nullptr) {
-            MHD_destroy_response(made);
-        }
-        return nullptr;  // not kept: the next call tries again
-    }
-    MHD_Response* first = nullptr;
-    if (!raw.compare_exchange_strong(first, made)) {
-        MHD_destroy_response(made);  // another request made it meanwhile
-        return first;
-    }
-    return made;
-}
+http_response::~http_response() = default;
 
 MHD_Response* http_response::get_raw_response() {
     return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
@@ -111,18 +85,36 @@ http_response& http_response::with_header(const std::string& key, const std::str
 }
 
 string_response::string_response(std::string body, int code, const std::string& content_type)
-    : http_response(code, content_type),
-      content(std::make_shared<const std::string>(std::move(body))) {}
-
-string_response::string_response(std::shared_ptr<const std::string> shared_content, int code,
-                                 const std::string& content_type)
-    : http_response(code, content_type), content(std::move(shared_content)) {}
+    : http_response(code, content_type), content(std::move(body)) {}
 
 // The body is lent, not copied: the server holds this object, and with it
 // the bytes, until the request is complete.
 MHD_Response* string_response::get_raw_response() {
-    return MHD_create_response_from_buffer(content->size(), const_cast<char*>(content->data()),
+    return MHD_create_response_from_buffer(content.size(), const_cast<char*>(content.data()),
                                            MHD_RESPMEM_PERSISTENT);
+}
+
+file_response::file_response(int file, std::uint64_t length, int code,
+                             const std::string& content_type)
+    : http_response(code, content_type), fd(file), size(length) {}
+
+file_response::~file_response() {
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+// Made once per response: the descriptor passes to the raw response, which
+// closes it. When none can be made, it stays here and the destructor closes it.
+MHD_Response* file_response::get_raw_response() {
+    if (fd < 0) {
+        return nullptr;
+    }
+    MHD_Response* raw = MHD_create_response_from_fd64(size, fd);
+    if (raw != nullptr) {
+        fd = -1;
+    }
+    return raw;
 }
 
 }  // namespace httpserver

@@ -1,17 +1,15 @@
 // httpserver.h - the thin request/response layer that the handlers use,
 // with the names of the device's HTTP server library, over libmicrohttpd.
 // A request object belongs to the one listener thread that handles it; a
-// response object is made by a handler and owned by shared pointers until
-// every request that sends it is complete (its raw response borrows the
-// body). A response may be sent by several requests at once, on several
-// listener threads: its raw response is made once (an atomic pointer) and
-// the response is not changed after that. The body bytes of
-// string_responses are immutable and may be shared (see string_response).
+// response object is made by a handler for one request and owned by shared
+// pointers until that request is complete (the raw response of a
+// string_response borrows its body). No locks: nothing here is shared
+// between requests.
 #ifndef MANAGER_SVC_HTTPSERVER_H
 #define MANAGER_SVC_HTTPSERVER_H
 
+#include <cstdint>
 #include <map>
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -67,12 +65,6 @@ public:
     http_response(const http_response&) = delete;
     http_response& operator=(const http_response&) = delete;
 
-    // The libmicrohttpd response to queue, made by get_raw_response and
-    // decorate_response on the first call and owned by this object, so that
-    // a reply sent by many requests is built once. Headers added after the
-    // first call are not sent. Null when libmicrohttpd could not make it
-    // with all its headers (the next call tries again).
-    MHD_Response* raw_response();
     // Builds the libmicrohttpd response (body only; headers are added by
     // decorate_response). The caller owns it.
     virtual MHD_Response* get_raw_response();
@@ -90,24 +82,36 @@ public:
 private:
     int response_code;
     header_map headers;
-    std::atomic<MHD_Response*> raw{nullptr};  // set once, by the first to make it
 };
 
-// The body is held behind a shared pointer to immutable bytes, so several
-// responses may send the same bytes without a copy each.
 class string_response : public http_response {
 public:
     explicit string_response(std::string content = "", int response_code = 200,
                              const std::string& content_type = http::http_utils::text_plain);
-    // Sends the shared bytes (never null) as they are.
-    string_response(std::shared_ptr<const std::string> shared_content, int response_code,
-                    const std::string& content_type);
 
+    // The raw response borrows the body: this object must outlive it.
     MHD_Response* get_raw_response() override;
-    const std::string& get_content() const { return *content; }
+    const std::string& get_content() const { return content; }
 
 private:
-    std::shared_ptr<const std::string> content;
+    std::string content;
+};
+
+// The first `size` bytes of an open file, sent by libmicrohttpd straight
+// from the file (sendfile), so the reply holds no copy of them. The
+// descriptor belongs to this object until get_raw_response hands it to the
+// raw response (which closes it when it is destroyed); whoever holds it
+// closes it on every path.
+class file_response : public http_response {
+public:
+    file_response(int fd, std::uint64_t size, int response_code, const std::string& content_type);
+    ~file_response() override;
+
+    MHD_Response* get_raw_response() override;
+
+private:
+    int fd;
+    std::uint64_t size;
 };
 
 }  // namespace httpserver

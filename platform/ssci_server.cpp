@@ -213,7 +213,7 @@ MHD_Result begin_request(MHD_Connection* connection, const char* url, const char
         state->refusal = &NOT_FOUND;
         return MHD_YES;
     }
-    state->handler = state->resource->handler_for(method);
+    state->handler = state->resource->handler_for(method, url);
     if (state->handler == nullptr) {
         state->refusal = &METHOD_NOT_ALLOWED;
     }
@@ -245,12 +245,12 @@ MHD_Result send_response(MHD_Connection* connection, request_state* state,
     if (!response) {
         return queue_plain(connection, HANDLER_FAILED);
     }
-    MHD_Response* raw = response->raw_response();
-    if (raw == nullptr) {
+    raw_response_ptr raw(response->get_raw_response());
+    if (!raw || !response->decorate_response(raw.get())) {
         return queue_plain(connection, HANDLER_FAILED);
     }
     state->response = std::move(response);
-    return state->response->enqueue_response(connection, raw) == MHD_YES ? MHD_YES : MHD_NO;
+    return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
 }
 
 // The handler's reply, or null when it failed.

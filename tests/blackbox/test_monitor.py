@@ -3,11 +3,14 @@ its error codes, the web pages (types, redirect, 404 for anything outside
 the home path, revalidation) and the prober's reachability."""
 import json
 import os
+import socket
+import threading
+import time
 
 import pytest
 
 from fake_peer import FakePeer, answer
-from harness import OK, SVCMON, device_path_of, free_port, register, wait_for
+from harness import OK, SVCMGR, SVCMON, device_path_of, free_port, register, wait_for
 
 WEB = SVCMON + "/web"
 NOT_FOUND = (404, "text/html", b"404 Not Found")
@@ -77,10 +80,14 @@ def test_result_codes(monitor, path, headers, expected):
 def test_page_validators_give_304_until_the_page_changes(monitor):
     first = monitor.request("GET", WEB + "/index.html")
     tag, modified = first.headers["etag"], first.headers["last-modified"]
-    assert first.headers["cache-control"] == "no-cache"
+    assert (first.headers["cache-control"], first.headers["x-frame-options"],
+            first.headers["content-security-policy"]) == (
+        "no-cache", "DENY", "frame-ancestors 'none'")
     for validators in ({"If-None-Match": tag}, {"If-Modified-Since": modified}):
         again = monitor.request("GET", WEB + "/index.html", headers=validators)
         assert (again.status, again.body, again.headers["etag"]) == (304, b"", tag)
+        # No length, or the page's own: never a false one.
+        assert again.headers.get("content-length") in (None, str(len(INDEX)))
     with open(device_path_of(monitor, "/www/index.html"), "wb") as page:
         page.write(b"<html>changed</html>")
     fresh = monitor.request("GET", WEB + "/index.html", headers={"If-None-Match": tag})
@@ -101,3 +108,67 @@ def test_health_and_reachability_of_every_service(monitor):
     assert (found["closed"]["reachable"], found["closed"]["error"],
             found["closed"]["latency_ms"]) == (False, "connection refused", None)
     assert found["closed"]["failures"] >= 1 and found["good"]["failures"] == 0
+
+
+def without_date(headers):
+    return {name: value for name, value in headers.items() if name != "date"}
+
+
+def test_head_answers_like_get_on_the_pages_only(monitor):
+    for path in (WEB + "/app.js", WEB + "/missing.html", WEB):
+        got, head = monitor.request("GET", path), monitor.request("HEAD", path)
+        assert (head.status, head.body) == (got.status, b"")
+        assert without_date(head.headers) == without_date(got.headers)
+    for path, allowed in ((method("get_health_status"), "GET"), (SVCMON + "/other", "GET"),
+                          (SVCMGR, "GET, POST, DELETE")):
+        reply = monitor.request("HEAD", path)
+        assert (reply.status, reply.headers["allow"]) == (405, allowed)
+
+
+def test_large_and_growing_pages_are_served_from_the_file(monitor):
+    """Over 4 MiB whole; a file being appended to up to its length at open,
+    its bytes as they are in the file."""
+    big = bytes(range(256)) * (5 * 4096 + 7)
+    with open(device_path_of(monitor, "/www/big.html"), "wb") as page:
+        page.write(big)
+    reply = monitor.request("GET", WEB + "/big.html")
+    assert (reply.status, reply.headers["content-length"], reply.body == big) == (
+        200, str(len(big)), True)
+    growing = device_path_of(monitor, "/www/growing.js")
+    open(growing, "wb").close()
+
+    def append():  # 8 MiB in lines, as a log grows
+        with open(growing, "ab", buffering=0) as log:
+            for line in range(2048):
+                log.write(b"%07d" % line + b"x" * 4088 + b"\n")
+    writer = threading.Thread(target=append)
+    writer.start()
+    replies = []
+    while writer.is_alive() or len(replies) < 3:
+        replies.append(monitor.request("GET", WEB + "/growing.js"))
+    writer.join()
+    with open(growing, "rb") as log:
+        final = log.read()
+    for reply in replies:
+        assert reply.status == 200
+        assert reply.headers["content-length"] == str(len(reply.body))
+        assert final.startswith(reply.body)
+    assert len({len(reply.body) for reply in replies}) > 1 and monitor.alive()
+
+
+def test_a_page_cut_shorter_while_sent_ends_its_reply(monitor):
+    """The reply stops short and its connection closes (idle limit); the
+    daemon serves on."""
+    path = device_path_of(monitor, "/www/cut.html")
+    with open(path, "wb") as page:
+        page.write(b"c" * (8 << 20))
+    reader = socket.create_connection(("127.0.0.1", monitor.port), timeout=30)
+    reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    reader.sendall(b"GET " + (WEB + "/cut.html").encode() + b" HTTP/1.1\r\nHost: t\r\n\r\n")
+    received = reader.recv(4096)
+    os.truncate(path, 100)
+    while chunk := reader.recv(1 << 16):
+        received += chunk
+    reader.close()
+    assert len(received) < 8 << 20
+    assert monitor.request("GET", WEB + "/cut.html").body == b"c" * 100

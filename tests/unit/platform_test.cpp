@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <gtest/gtest.h>
+#include <microhttpd.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -231,6 +232,10 @@ const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_re
     return std::make_shared<httpserver::string_response>();
 }
 
+bool head_below_files(const std::string& path) {
+    return path.compare(0, 8, "/a/files") == 0;
+}
+
 TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     httpserver::string_response plain;
     EXPECT_EQ(plain.get_response_code(), 200);
@@ -240,6 +245,33 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(resource.allowed_methods(), "POST, PUT");
     EXPECT_EQ(find_http_resource("/a/b/c"), &resource);
     EXPECT_EQ(find_http_resource("/a/bc"), nullptr);
+    EXPECT_EQ(resource.handler_for("PUT", "/a/b"), reply);
+    EXPECT_EQ(resource.handler_for("HEAD", "/a/b"), nullptr);
+    // HEAD reaches the GET handler only on the paths its rule names.
+    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr,
+                               head_below_files);
+    EXPECT_EQ(files.handler_for("HEAD", "/a/files/x"), reply);
+    EXPECT_EQ(files.handler_for("HEAD", "/a"), nullptr);
+    EXPECT_EQ(files.allowed_methods(), "GET");
+}
+
+// A file response owns its descriptor: the raw response closes it once
+// made, and the response itself when none was made.
+TEST_F(Platform, FileResponsesCloseTheirDescriptorOnEveryPath) {
+    std::ofstream("file_response") << "12345";
+    const int sent = open("file_response", O_RDONLY | O_CLOEXEC);
+    const int unsent = open("file_response", O_RDONLY | O_CLOEXEC);
+    {
+        httpserver::file_response made(sent, 5, 200, "text/html");
+        MHD_Response* raw = made.get_raw_response();
+        ASSERT_NE(raw, nullptr);
+        EXPECT_EQ(made.get_raw_response(), nullptr);
+        EXPECT_EQ(fcntl(sent, F_GETFD), FD_CLOEXEC);
+        MHD_destroy_response(raw);
+        EXPECT_EQ(fcntl(sent, F_GETFD), -1);
+        httpserver::file_response never_made(unsent, 5, 200, "text/html");
+    }
+    EXPECT_EQ(fcntl(unsent, F_GETFD), -1);
 }
 
 TEST_F(Platform, RequestGuardServesOwnHostsOnly) {
