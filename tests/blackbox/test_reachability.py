@@ -54,7 +54,7 @@ def test_three_states_and_their_reply(sandbox, http_server):
             ("up", True, 503), ("up", True, 503), ("no answer", False, None), ("down", False, None)]
         assert found["refused"]["error"] == "connection refused"
         assert found["answering"]["latency_ms"] > 0 and found["hung"]["latency_ms"] is None
-        assert answering.requests[-1] == "OPTIONS * HTTP/1.0"
+        assert answering.checks[-1] == "OPTIONS * HTTP/1.0" and answering.requests == []
         reply = reachability(daemon)
         assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
         assert daemon.stop() == 0
@@ -109,8 +109,8 @@ def console_of_a_session(peer, wait_for_rounds):
     daemon.request("GET", SVCMGR + "?method=get_info&name=alpha")
     daemon.request("GET", SVCMON + "?method=get_health_status")
     if wait_for_rounds:
-        count = len(peer.requests)
-        assert wait_for(lambda: len(peer.requests) >= count + 6, 10)  # three rounds
+        count = len(peer.checks)
+        assert wait_for(lambda: len(peer.checks) >= count + 3, 10)  # three rounds
     assert daemon.stop() == 0
     text = re.sub(r"delete\(0x[0-9a-f]+\)", "delete(ADDRESS)", daemon.stderr_text())
     lines = text.replace(str(daemon.port), "PORT").splitlines()
