@@ -3,8 +3,8 @@
 
 - Idle CPU of the daemon while nobody asks it anything, in % of one core, at
   the default -m 10 with 20 services and at -m 1 with 1000 (half on closed
-  ports, 50 on a silent port whose accept queue is full, the rest on ports
-  that answer HTTP), for this build and, with --before DIR, another build's
+  ports, 50 on one silent port whose accept queue is full, the rest each on
+  a port of its own that answers HTTP), for this build and, with --before DIR, another build's
   daemon, measured in turns (before, after, before, after...).
 - With --throughput: get_info throughput of the daemon with 1000 services at
   -m 1 against the same daemon whose prober is quiet (-m 3600: one round at
@@ -30,9 +30,11 @@ from bench_support import Sandboxes, parse_args
 SERVICES = 1000
 CLOSED = 500
 SILENT = 50
-ACCEPTING_PORTS = 10
+ACCEPTING_PORTS = SERVICES - CLOSED - SILENT  # one port per answering service
 GET_INFO = "/managerService/svcmgr?method=get_info&name=svc0000"
-IDLE_CASES = ((10, 20), (1, SERVICES))  # (period in seconds, services)
+# (period in seconds, services, idle time as a multiple of --idle): the
+# quiet case runs longer, so that the clock ticks of CPU time resolve it.
+IDLE_CASES = ((10, 20, 4), (1, SERVICES, 1))
 ANSWER = b"HTTP/1.0 404 Not Found\r\nContent-Length: 0\r\n\r\n"
 
 
@@ -94,7 +96,7 @@ class Peers:
             elif index < CLOSED + SILENT:
                 port = self.silent.getsockname()[1]
             else:
-                port = self.accepting[index % ACCEPTING_PORTS].getsockname()[1]
+                port = self.accepting[index - CLOSED - SILENT].getsockname()[1]
             lines.append(f"svc{index:04d},127.0.0.1,{port}\n")
         return "".join(lines)
 
@@ -120,7 +122,8 @@ def start_daemon(new_sandbox, registry, *args):
 
 def idle_cpu(new_sandbox, binary, registry, period, idle_seconds):
     """% of one core that the daemon used over idle_seconds, once settled."""
-    os.environ["MANAGER_SVC_BIN"] = binary
+    import harness
+    harness.BIN = binary
     daemon = start_daemon(new_sandbox, registry, "-m", str(period))
     time.sleep(3)  # the first round and the start-up settle
     began, cpu = time.monotonic(), cpu_seconds(daemon.pid)
@@ -134,17 +137,20 @@ def idle_figures(new_sandbox, peers, args):
     builds = {"after": os.path.join(args.build, "manager_svc")}
     if args.before:
         builds = {"before": os.path.join(args.before, "manager_svc"), **builds}
-    for period, services in IDLE_CASES:
+    for period, services, longer in IDLE_CASES:
         registry = peers.registry_text(services)
         figures = {name: [] for name in builds}
         for _ in range(args.turns):
             for name, binary in builds.items():
-                figures[name].append(idle_cpu(new_sandbox, binary, registry, period, args.idle))
-        print(f"idle CPU, -m {period}, {services} services, {args.idle} s x {args.turns}: " +
-              "   ".join(f"{name} {statistics.median(values):.2f} % of one core "
-                         f"({' '.join(f'{v:.2f}' for v in values)})"
-                         for name, values in figures.items()))
-    os.environ["MANAGER_SVC_BIN"] = builds["after"]
+                figures[name].append(idle_cpu(new_sandbox, binary, registry, period,
+                                              args.idle * longer))
+        print(f"idle CPU, -m {period}, {services} services, {args.idle * longer} s x "
+              f"{args.turns}: " +
+              "   ".join(f"{name} {statistics.median(values):.3f} % of one core "
+                         f"({' '.join(f'{v:.3f}' for v in values)})"
+                         for name, values in figures.items()), flush=True)
+    import harness
+    harness.BIN = builds["after"]
 
 
 def throughput(new_sandbox, registry, args):
