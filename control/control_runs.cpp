@@ -76,10 +76,15 @@ void count_run(const char* method, run_outcome outcome) {
     }
 }
 
-// Applies `finish` to run `number`, keeps the output's tail and counts it.
+// Applies `finish` to run `number` while it is in the log, keeps the
+// output's tail, and counts the run whether or not it is still in the log.
 template <typename Finish>
-void finish_run(unsigned long long number, const std::string& output, Finish finish) {
+void finish_run(unsigned long long number, const char* method, const std::string& output,
+                Finish finish) {
+    control_run ending = {};
+    finish(ending);
     pthread_mutex_lock(&runs_lock);
+    count_run(method, outcome_of(ending));
     control_run& run = slot_of(number);
     if (run.number == number) {
         run.ended = time(nullptr);
@@ -88,7 +93,6 @@ void finish_run(unsigned long long number, const std::string& output, Finish fin
                                         ? output.size() - CONTROL_OUTPUT_KEPT : 0;
         run.output_length = output.size() - skipped;
         std::memcpy(run.output, output.data() + skipped, run.output_length);
-        count_run(run.method, outcome_of(run));
     }
     pthread_mutex_unlock(&runs_lock);
     control_runs_view.changed();
@@ -149,8 +153,9 @@ unsigned long long control_run_begin(const char* method, const char* command) {
     return run.number;
 }
 
-void control_run_exited(unsigned long long number, int wait_status, const std::string& output) {
-    finish_run(number, output, [wait_status](control_run& run) {
+void control_run_exited(unsigned long long number, const char* method, int wait_status,
+                        const std::string& output) {
+    finish_run(number, method, output, [wait_status](control_run& run) {
         run.exited = WIFEXITED(wait_status);
         run.exit_status = WEXITSTATUS(wait_status);
         run.signalled = WIFSIGNALED(wait_status);
@@ -158,9 +163,9 @@ void control_run_exited(unsigned long long number, int wait_status, const std::s
     });
 }
 
-void control_run_ended_without_status(unsigned long long number, const char* error,
-                                      const std::string& output) {
-    finish_run(number, output, [error](control_run& run) {
+void control_run_ended_without_status(unsigned long long number, const char* method,
+                                      const char* error, const std::string& output) {
+    finish_run(number, method, output, [error](control_run& run) {
         snprintf(run.error, sizeof run.error, "%s", error);
     });
 }

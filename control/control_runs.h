@@ -39,15 +39,16 @@ const char* run_outcome_name(run_outcome outcome);
 // recorded. Longer texts are cut to the control buffers' sizes.
 unsigned long long control_run_begin(const char* method, const char* command);
 
-// Records that run `number` ended with the wait status `wait_status` (as
-// waitpid gives it) and the tail of its output. Does nothing to the log
-// when the run has left it (the count is kept all the same).
-void control_run_exited(unsigned long long number, int wait_status, const std::string& output);
+// Records that run `number` of `method` ended with the wait status
+// `wait_status` (as waitpid gives it) and the tail of its output. Changes
+// nothing in the log when the run has left it; it is counted all the same.
+void control_run_exited(unsigned long long number, const char* method, int wait_status,
+                        const std::string& output);
 
-// Records that run `number` ends now with no known status, and why: it
-// could not be started, or its shell could not be waited for.
-void control_run_ended_without_status(unsigned long long number, const char* error,
-                                      const std::string& output);
+// Records that run `number` of `method` ends now with no known status, and
+// why: it could not be started, or its shell could not be waited for.
+void control_run_ended_without_status(unsigned long long number, const char* method,
+                                      const char* error, const std::string& output);
 
 // The "get_control_runs" reply text: {"return": 0, "index": N, "items":
 // [...]}, the kept runs newest first.

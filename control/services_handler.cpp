@@ -84,7 +84,8 @@ bool wait_for_shell(pid_t shell, int* wait_status) {
 // Records a run that could not start, with why, in the log and once in
 // the debug log.
 void record_not_started(const service_action& action, const char* command, const char* error) {
-    control_run_ended_without_status(control_run_begin(action.method, command), error, "");
+    control_run_ended_without_status(control_run_begin(action.method, command), action.method,
+                                     error, "");
     debug_log("service command [%s] not run: %s", command, error);
 }
 
@@ -240,7 +241,8 @@ const std::shared_ptr<httpserver::http_response> proc_services_post(
 // script runs).
 void* service_cmd_thread(void* argument) {
     service_job* job = static_cast<service_job*>(argument);
-    unsigned long long run = control_run_begin(job->action->method, job->command);
+    const char* method = job->action->method;
+    unsigned long long run = control_run_begin(method, job->command);
     pid_t shell = 0;
     int output = -1;
     int error = spawn_shell(job->command, &shell, &output);
@@ -248,11 +250,11 @@ void* service_cmd_thread(void* argument) {
     int wait_status = 0;
     if (error != 0) {
         debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, error);
-        control_run_ended_without_status(run, strerror(error), tail);
+        control_run_ended_without_status(run, method, strerror(error), tail);
     } else if (collect_shell(shell, output, tail, &wait_status)) {
-        control_run_exited(run, wait_status, tail);
+        control_run_exited(run, method, wait_status, tail);
     } else {
-        control_run_ended_without_status(run, "cannot wait for the shell", tail);
+        control_run_ended_without_status(run, method, "cannot wait for the shell", tail);
     }
     free(job);
     pthread_exit(nullptr);

@@ -93,6 +93,9 @@ def test_a_burst_of_starts_all_run(sandbox):
     for _ in range(300):
         assert post(daemon, '{"method": "start"}') == OK
     counted = 'manager_svc_control_runs_total{method="start",outcome="succeeded"} 300\n'
-    assert wait_for(lambda: counted in daemon.request("GET", "/managerService/metrics").body.decode(),
-                    30)
+
+    def metrics():
+        return daemon.request("GET", "/managerService/metrics").body.decode()
+    assert wait_for(lambda: counted in metrics(), 30), [
+        line for line in metrics().splitlines() if "control_runs" in line]
     assert daemon.stop() == 0

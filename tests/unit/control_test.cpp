@@ -38,13 +38,19 @@ TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
     for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
         control_run_begin("start", std::to_string(i).c_str());
     }
-    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), SIGKILL,
+    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), "m", SIGKILL,
                        std::string(5000, 'x') + "\xe2\x82\xac\xff");
     EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
     EXPECT_EQ(" \"" + std::string(31, 'm') + "\" \"" + std::string(255, 'c') + "\" null 9",
               run(0, {"method", "command", "exit_status", "signal"}));
     EXPECT_EQ(R"( "2")", run(CONTROL_RUNS_KEPT - 1, {"command"}));
     EXPECT_EQ(" none", run(CONTROL_RUNS_KEPT, {"command"}));
+    // Run 1 has left the log; its end is counted all the same.
+    control_run_exited(1, "start", 0, "");
+    const std::vector<control_run_count> counts = control_run_counts();
+    ASSERT_EQ(2u, counts.size());
+    EXPECT_EQ("start succeeded 1", counts[1].method + " " + run_outcome_name(counts[1].outcome) + " " +
+                                       std::to_string(counts[1].count));
 }
 
 // With no descriptor left for its output pipe the shell cannot start: the
