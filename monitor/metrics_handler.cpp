@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
 #include "control/control_runs.h"
 #include "endpoints/ssci_response.h"
@@ -44,7 +45,7 @@ void family(std::string& out, const char* name, const char* type, const char* he
     out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
 }
 
-void sample(std::string& out, const char* name, std::initializer_list<label> labels,
+void sample(std::string& out, const char* name, const std::vector<label>& labels,
             const std::string& value) {
     out += name;
     const char* separator = "{";
@@ -52,7 +53,17 @@ void sample(std::string& out, const char* name, std::initializer_list<label> lab
         out += separator + std::string(each.name) + "=\"" + escaped(each.value) + "\"";
         separator = ",";
     }
-    out += (labels.size() != 0 ? "} " : " ") + value + "\n";
+    out += (labels.empty() ? " " : "} ") + value + "\n";
+}
+
+// The labels that name a service, and one more when given.
+std::vector<label> service_labels(const reach_finding& known, label more = {nullptr, ""}) {
+    std::vector<label> labels = {
+        {"name", known.name}, {"ip", known.ip}, {"port", std::to_string(known.port)}};
+    if (more.name != nullptr) {
+        labels.push_back(more);
+    }
+    return labels;
 }
 
 std::string number(double value) {
@@ -70,16 +81,15 @@ void service_metrics(std::string& out) {
     for (const reach_finding& known : found) {
         const bool up = known.checked && known.state == probe_state::up;
         sample(out, "manager_svc_service_up",
-               {{"name", known.name}, {"ip", known.ip}, {"port", std::to_string(known.port)},
-                {"state", known.checked ? probe_state_name(known.state) : "unchecked"}},
+               service_labels(known, {"state", known.checked ? probe_state_name(known.state)
+                                                             : "unchecked"}),
                up ? "1" : "0");
     }
     family(out, "manager_svc_service_latency_seconds", "gauge",
            "Time from the last check's connect to its status line, for services up.");
     for (const reach_finding& known : found) {
         if (known.checked && known.state == probe_state::up) {
-            sample(out, "manager_svc_service_latency_seconds",
-                   {{"name", known.name}, {"ip", known.ip}, {"port", std::to_string(known.port)}},
+            sample(out, "manager_svc_service_latency_seconds", service_labels(known),
                    number(known.latency_ms / MILLISECONDS_PER_SECOND));
         }
     }
@@ -88,16 +98,15 @@ void service_metrics(std::string& out) {
     for (const reach_finding& known : found) {
         for (std::size_t state = 0; state < PROBE_STATE_COUNT; ++state) {
             sample(out, "manager_svc_service_checks_total",
-                   {{"name", known.name}, {"ip", known.ip}, {"port", std::to_string(known.port)},
-                    {"result", probe_state_name(static_cast<probe_state>(state))}},
+                   service_labels(known,
+                                  {"result", probe_state_name(static_cast<probe_state>(state))}),
                    std::to_string(known.checks[state]));
         }
     }
     family(out, "manager_svc_service_transitions_total", "counter",
            "Changes of the service's state at its address.");
     for (const reach_finding& known : found) {
-        sample(out, "manager_svc_service_transitions_total",
-               {{"name", known.name}, {"ip", known.ip}, {"port", std::to_string(known.port)}},
+        sample(out, "manager_svc_service_transitions_total", service_labels(known),
                std::to_string(known.transitions));
     }
 }
