@@ -88,6 +88,7 @@ def test_outage_and_move_are_kept(sandbox):
         changes = [(e["from"], e["to"]) for e in reversed(events(daemon)["items"])
                    if e["name"] == "svc" and e["event"] == "state"]
         assert changes[-2:] == [("up", "down"), ("down", "up")]
+        assert f"reachability of svc at 127.0.0.1:{port}: up -> down" in sandbox.debug_log()
         found = reachability_items(daemon)["svc"]
         assert found["up_checks"] < found["checks"] and found["recent"].startswith("u")
         with FakePeer(answer(200)) as moved:
