@@ -98,14 +98,23 @@ void finish_run(unsigned long long number, const char* method, const std::string
     control_runs_view.changed();
 }
 
+// The length of the UTF-8 sequence that `lead` starts, 0 when it starts none.
+std::size_t utf8_sequence_size(unsigned char lead) {
+    if (lead < 0x80) {
+        return 1;
+    }
+    if (lead < 0xc2 || lead >= 0xf5) {
+        return 0;
+    }
+    return lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+}
+
 // The output as JSON text: bytes that are not UTF-8 (a script's own, or a
 // character cut at the start of the tail) become '?'.
 json_object* new_output_text(const char* bytes, std::size_t length) {
     std::string text(bytes, length);
     for (std::size_t at = 0; at < text.size();) {
-        const unsigned char lead = static_cast<unsigned char>(text[at]);
-        const std::size_t size = lead < 0x80 ? 1 : lead >= 0xc2 && lead < 0xe0 ? 2
-                                 : lead >= 0xe0 && lead < 0xf0 ? 3 : lead >= 0xf0 && lead < 0xf5 ? 4 : 0;
+        const std::size_t size = utf8_sequence_size(static_cast<unsigned char>(text[at]));
         std::size_t follow = 1;
         while (size > 1 && follow < size && at + follow < text.size() &&
                (static_cast<unsigned char>(text[at + follow]) & 0xc0) == 0x80) {

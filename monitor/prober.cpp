@@ -316,7 +316,8 @@ json_object* new_latency(const reach_finding& known) {
 }
 
 json_object* new_count(unsigned long long count) {
-    return json_object_new_int64(static_cast<int64_t>(std::min<unsigned long long>(count, INT64_MAX)));
+    const unsigned long long largest = INT64_MAX;
+    return json_object_new_int64(static_cast<int64_t>(std::min(count, largest)));
 }
 
 json_object* new_reachability_item(const reach_finding& known) {
@@ -327,9 +328,8 @@ json_object* new_reachability_item(const reach_finding& known) {
     json_object_object_add(item, "port", json_object_new_int(known.port));
     json_object_object_add(item, "reachable",
                            known.checked ? json_object_new_boolean(up) : nullptr);
-    json_object_object_add(item, "state", known.checked
-                                              ? json_object_new_string(probe_state_name(known.state))
-                                              : nullptr);
+    const char* state = known.checked ? probe_state_name(known.state) : nullptr;
+    json_object_object_add(item, "state", state ? json_object_new_string(state) : nullptr);
     json_object_object_add(item, "http_status", new_int_or_null(up, known.http_status));
     json_object_object_add(item, "checked", new_utc_time_or_null(known.checked_at));
     json_object_object_add(item, "since", new_utc_time_or_null(known.since));
