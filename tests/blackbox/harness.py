@@ -197,3 +197,13 @@ def chromium_result(url, budget_ms):
     found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
     assert found, dom[-2000:] + done.stderr.decode("utf-8", "replace")[-2000:]
     return json.loads(html.unescape(found[1]))
+
+
+def reachability(daemon, query=""):
+    """The get_reachability reply (query: more arguments, "&index=...")."""
+    reply = daemon.request("GET", f"{SVCMON}?method=get_reachability{query}", timeout=70)
+    return json.loads(reply.body)
+
+
+def reachability_items(daemon):
+    return {item["name"]: item for item in reachability(daemon)["items"]}

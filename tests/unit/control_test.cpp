@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -32,15 +34,46 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
 
 // The log is process-wide and never emptied: this test runs first.
 TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
-    EXPECT_EQ(R"({ "return": 0, "items": [ ] })", control_runs_reply());
+    EXPECT_EQ(R"({ "return": 0, "index": 0, "items": [ ] })", control_runs_reply());
     for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
         control_run_begin("start", std::to_string(i).c_str());
     }
-    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), SIGKILL);
+    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), "m", SIGKILL,
+                       std::string(5000, 'x') + "\xe2\x82\xac\xff");
+    EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
     EXPECT_EQ(" \"" + std::string(31, 'm') + "\" \"" + std::string(255, 'c') + "\" null 9",
               run(0, {"method", "command", "exit_status", "signal"}));
     EXPECT_EQ(R"( "2")", run(CONTROL_RUNS_KEPT - 1, {"command"}));
     EXPECT_EQ(" none", run(CONTROL_RUNS_KEPT, {"command"}));
+    // Run 1 has left the log; its end is counted all the same.
+    control_run_exited(1, "start", 0, "");
+    const std::vector<control_run_count> counts = control_run_counts();
+    ASSERT_EQ(2u, counts.size());
+    EXPECT_EQ("start succeeded 1", counts[1].method + " " + run_outcome_name(counts[1].outcome) + " " +
+                                       std::to_string(counts[1].count));
+}
+
+// With no descriptor left for its output pipe the shell cannot start: the
+// run is recorded as ended with no status and why.
+TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
+    int lowest_free = 0;
+    while (fcntl(lowest_free, F_GETFD) != -1) {
+        ++lowest_free;
+    }
+    rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const rlimit none_left = {static_cast<rlim_t>(lowest_free), saved.rlim_max};
+    // A reply made first warms UBSan's type cache: its checks need descriptors.
+    proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "none"})"));
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
+    proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "stop"})"));
+    const std::string expected = " \"" + std::string(SERVICES_SCRIPT_PATH) + " stop\" null null";
+    for (int poll = 0; poll < 1000 && run(0, {"command", "exit_status", "signal", "ended"}).find("null null \"") ==
+                                          std::string::npos; ++poll) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(expected + " \"Too many open files\" \"\"", run(0, {"command", "exit_status", "signal", "error", "output"}));
 }
 
 void interrupt(int) {}
