@@ -9,9 +9,11 @@
 #include "control/services_handler.h"
 
 #include <json-c/json.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -40,6 +42,15 @@ struct service_job {
 // The one signal the shell keeps ignored, as the daemon does; every other
 // starts at its default action, whatever the daemon inherited.
 constexpr int SHELL_IGNORED_SIGNAL = SIGPIPE;
+// A worker only starts a shell, reads its output and waits for it.
+constexpr std::size_t WORKER_STACK_BYTES = 64 * 1024;
+constexpr std::size_t OUTPUT_CHUNK_BYTES = 1024;
+// While the shell runs silently, it is looked at this often.
+constexpr int SHELL_EXIT_POLL_MS = 200;
+// The kernel's default, which the scripts' services start with.
+constexpr char DEFAULT_OOM_SCORE_ADJ[] = "0";
+// The exit status of a shell that could not be executed (as sh gives it).
+constexpr int SHELL_NOT_RUN_STATUS = 127;
 
 // Tested in this order; the first equal method wins.
 constexpr service_action SERVICE_ACTIONS[] = {
@@ -60,51 +71,6 @@ void read_method(const std::string& content, char* method, unsigned size) {
     }
 }
 
-// Hands the action's command line to a new detached worker thread. When the
-// thread cannot be created the job is freed and not run. An allocation
-// failure is recorded in the debug log; the reply stays SERVICES_STARTED in
-// both cases, because "return" tells whether the method was recognised,
-// never whether the script ran.
-void start_service_command(const service_action& action) {
-    service_job* job = static_cast<service_job*>(malloc(sizeof(service_job)));
-    if (job == nullptr) {
-        debug_log("no memory for the command of method %s, not run", action.method);
-        return;
-    }
-    job->action = &action;
-    snprintf(job->command, sizeof job->command, "%s %s", action.script, action.verb);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_t worker;
-    if (pthread_create(&worker, &attributes, service_cmd_thread, job) != 0) {
-        free(job);
-    }
-    pthread_attr_destroy(&attributes);
-}
-
-// Starts "/bin/sh -c <command>" with an empty signal mask and every signal
-// but SHELL_IGNORED_SIGNAL at its default action (glibc's own two internal
-// signals excepted: its posix_spawn leaves them ignored, as system() does).
-// 0 and the shell's pid, or an errno.
-int spawn_shell(const char* command, pid_t* shell) {
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes, &signals);
-    sigfillset(&signals);
-    sigdelset(&signals, SHELL_IGNORED_SIGNAL);
-    posix_spawnattr_setsigdefault(&attributes, &signals);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    char shell_name[] = "sh";
-    char command_option[] = "-c";
-    char* arguments[] = {shell_name, command_option, const_cast<char*>(command), nullptr};
-    int error = posix_spawn(shell, SHELL_PATH, nullptr, &attributes, arguments, environ);
-    posix_spawnattr_destroy(&attributes);
-    return error;
-}
-
 // Waits for the shell; false when it cannot be waited for.
 bool wait_for_shell(pid_t shell, int* wait_status) {
     while (waitpid(shell, wait_status, 0) < 0) {
@@ -113,6 +79,134 @@ bool wait_for_shell(pid_t shell, int* wait_status) {
         }
     }
     return true;
+}
+
+// Records a run that could not start, with why, in the log and once in
+// the debug log.
+void record_not_started(const service_action& action, const char* command, const char* error) {
+    control_run_ended_without_status(control_run_begin(action.method, command), error, "");
+    debug_log("service command [%s] not run: %s", command, error);
+}
+
+// Hands the action's command line to a new detached worker thread with a
+// small stack. When the job or thread cannot be had the run is recorded as
+// not started; the reply stays SERVICES_STARTED in both cases, because
+// "return" tells whether the method was recognised, never whether the
+// script ran.
+void start_service_command(const service_action& action) {
+    char command[SERVICE_COMMAND_SIZE];
+    snprintf(command, sizeof command, "%s %s", action.script, action.verb);
+    service_job* job = static_cast<service_job*>(malloc(sizeof(service_job)));
+    if (job == nullptr) {
+        record_not_started(action, command, "no memory for the job");
+        return;
+    }
+    job->action = &action;
+    snprintf(job->command, sizeof job->command, "%s", command);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attributes, WORKER_STACK_BYTES);
+    pthread_t worker;
+    const int error = pthread_create(&worker, &attributes, service_cmd_thread, job);
+    pthread_attr_destroy(&attributes);
+    if (error != 0) {
+        free(job);
+        record_not_started(action, command, "no thread for the command");
+    }
+}
+
+// The shell's side of the fork: only async-signal-safe calls (the daemon
+// has other threads). Every signal but SHELL_IGNORED_SIGNAL starts at its
+// default action with none blocked, the oom score goes back to the default
+// (the daemon lowers its own; the services it starts must not inherit
+// that), and standard output and error go to the pipe.
+[[noreturn]] void become_shell(const char* command, int output) {
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) {
+        action.sa_handler = sig == SHELL_IGNORED_SIGNAL ? SIG_IGN : SIG_DFL;
+        sigaction(sig, &action, nullptr);  // fails harmlessly for KILL, STOP and glibc's own
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    int oom = open(PROC_OOM_SCORE_ADJ_PATH, O_WRONLY | O_CLOEXEC);
+    if (oom >= 0) {
+        ssize_t written = write(oom, DEFAULT_OOM_SCORE_ADJ, sizeof DEFAULT_OOM_SCORE_ADJ - 1);
+        (void)written;  // a kernel without it, or no right to: the shell runs all the same
+        close(oom);
+    }
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    char shell_name[] = "sh";
+    char command_option[] = "-c";
+    char* arguments[] = {shell_name, command_option, const_cast<char*>(command), nullptr};
+    execve(SHELL_PATH, arguments, environ);
+    _exit(SHELL_NOT_RUN_STATUS);
+}
+
+// Starts "/bin/sh -c <command>" with its output on a pipe: 0 with the
+// shell's pid and the pipe's reading end (non-blocking), or an errno.
+int spawn_shell(const char* command, pid_t* shell, int* output) {
+    int pipe_ends[2];
+    if (pipe2(pipe_ends, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        become_shell(command, pipe_ends[1]);
+    }
+    const int error = child < 0 ? errno : 0;
+    close(pipe_ends[1]);
+    if (error != 0) {
+        close(pipe_ends[0]);
+        return error;
+    }
+    fcntl(pipe_ends[0], F_SETFL, O_NONBLOCK);
+    *shell = child;
+    *output = pipe_ends[0];
+    return 0;
+}
+
+// Keeps the last CONTROL_OUTPUT_KEPT bytes of what can be read now; false
+// at the end of the output (or a read error).
+bool read_output(int output, std::string& tail) {
+    char chunk[OUTPUT_CHUNK_BYTES];
+    for (;;) {
+        const ssize_t got = read(output, chunk, sizeof chunk);
+        if (got > 0) {
+            tail.append(chunk, static_cast<std::size_t>(got));
+            if (tail.size() > 2 * CONTROL_OUTPUT_KEPT) {
+                tail.erase(0, tail.size() - CONTROL_OUTPUT_KEPT);
+            }
+            continue;
+        }
+        return got < 0 && (errno == EAGAIN || errno == EINTR);
+    }
+}
+
+// Reads the shell's output until it ends, or until the shell has ended and
+// nothing more is there (a daemon the script started may keep the pipe
+// open for ever); then waits for the shell. False when it cannot be waited
+// for.
+bool collect_shell(pid_t shell, int output, std::string& tail, int* wait_status) {
+    bool reaped = false;
+    for (;;) {
+        pollfd readable = {output, POLLIN, 0};
+        if (poll(&readable, 1, SHELL_EXIT_POLL_MS) != 0 && read_output(output, tail)) {
+            continue;
+        }
+        if (readable.revents != 0 || waitpid(shell, wait_status, WNOHANG) == shell) {
+            reaped = readable.revents == 0;
+            break;
+        }
+    }
+    if (reaped) {
+        read_output(output, tail);
+    }
+    close(output);
+    return reaped || wait_for_shell(shell, wait_status);
 }
 
 }  // namespace
@@ -140,22 +234,25 @@ const std::shared_ptr<httpserver::http_response> proc_services_post(
     return json_reply(new_reply_object(SERVICES_STARTED));
 }
 
-// The worker records the run, starts the shell and waits for it on this
-// thread: the stop signals keep their handler meanwhile (system() would
-// ignore SIGINT in the whole daemon while a script runs).
+// The worker records the run, starts the shell, reads its output and
+// waits for it on this thread: the stop signals keep their handler
+// meanwhile (system() would ignore SIGINT in the whole daemon while a
+// script runs).
 void* service_cmd_thread(void* argument) {
     service_job* job = static_cast<service_job*>(argument);
     unsigned long long run = control_run_begin(job->action->method, job->command);
     pid_t shell = 0;
-    int error = spawn_shell(job->command, &shell);
+    int output = -1;
+    int error = spawn_shell(job->command, &shell, &output);
+    std::string tail;
     int wait_status = 0;
     if (error != 0) {
         debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, error);
-        control_run_ended_without_status(run);
-    } else if (wait_for_shell(shell, &wait_status)) {
-        control_run_exited(run, wait_status);
+        control_run_ended_without_status(run, strerror(error), tail);
+    } else if (collect_shell(shell, output, tail, &wait_status)) {
+        control_run_exited(run, wait_status, tail);
     } else {
-        control_run_ended_without_status(run);
+        control_run_ended_without_status(run, "cannot wait for the shell", tail);
     }
     free(job);
     pthread_exit(nullptr);

@@ -1,7 +1,11 @@
 // svcmon_handler.cpp - the monitor resource "/managerService/svcmon": the
-// "get_health_status", "get_history", "get_reachability" (prober.h) and
-// "get_control_runs" (control_runs.h) methods, and the hand-over of the
-// web-page paths to proc_web_service.
+// "get_health_status", "get_history", "get_reachability" (prober.h),
+// "get_events" (reach_events.h) and "get_control_runs" (control_runs.h)
+// methods, and the hand-over of the web-page paths to proc_web_service.
+// The last three are views that a request may wait on (held_requests.h):
+// with "index" equal to the view's current index and a "wait" in seconds
+// (default HOLD_WAIT_DEFAULT_SECONDS, at most HOLD_WAIT_MAX_SECONDS, 0: no
+// wait), it is answered once the view changes or the wait is over.
 // Runs on the listener threads, several at once; "get_history" runs on the
 // server's relay workers instead (history_relay marks it). The registry lock is
 // taken only inside svc_info_list and svc_info_get, which hand back copies,
@@ -12,7 +16,10 @@
 
 #include <json-c/json.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -21,6 +28,7 @@
 #include "endpoints/ssci_response.h"
 #include "monitor/http_get_client.h"
 #include "monitor/prober.h"
+#include "monitor/reach_events.h"
 #include "platform/common_http_resource.h"
 #include "registry/svc_info_map.h"
 
@@ -116,32 +124,45 @@ std::string proc_get_reachability(const httpserver::http_request&) {
     return prober_reachability_reply();
 }
 
+// The last events, newest first.
+std::string proc_get_events(const httpserver::http_request&) {
+    return reach_events_reply();
+}
+
 // The last service-control runs, newest first.
 std::string proc_get_control_runs(const httpserver::http_request&) {
     return control_runs_reply();
 }
 
-// A method's reply text.
+// A method's reply text, and the view a request may wait on (null: none).
 struct svcmon_method {
     const char* name;
     std::string (*run)(const httpserver::http_request&);
+    const change_view* view;
 };
 
 const svcmon_method SVCMON_METHODS[] = {
-    {"get_health_status", proc_get_health_status},
-    {HISTORY_METHOD, proc_get_history},
-    {"get_reachability", proc_get_reachability},
-    {"get_control_runs", proc_get_control_runs},
+    {"get_health_status", proc_get_health_status, nullptr},
+    {HISTORY_METHOD, proc_get_history, nullptr},
+    {"get_reachability", proc_get_reachability, &reachability_view},
+    {"get_events", proc_get_events, &reach_events_view},
+    {"get_control_runs", proc_get_control_runs, &control_runs_view},
 };
 
-std::string run_method(const httpserver::http_request& request) {
+const svcmon_method* find_method(const httpserver::http_request& request) {
     std::string method = request.get_arg("method");
     for (const svcmon_method& entry : SVCMON_METHODS) {
         if (method == entry.name) {
-            return entry.run(request);
+            return &entry;
         }
     }
-    return take_json_text(new_reply_object(SVCMON_UNKNOWN_METHOD));
+    return nullptr;
+}
+
+std::string run_method(const httpserver::http_request& request) {
+    const svcmon_method* method = find_method(request);
+    return method != nullptr ? method->run(request)
+                             : take_json_text(new_reply_object(SVCMON_UNKNOWN_METHOD));
 }
 
 }  // namespace
@@ -175,7 +196,43 @@ const std::shared_ptr<httpserver::http_response> history_not_asked(
 
 const relay_marking history_relay = {is_history_request, history_not_asked};
 
+constexpr unsigned HOLD_WAIT_DEFAULT_SECONDS = 30;
+
+// A whole decimal number (no sign, no blanks) into *value; false otherwise.
+bool parse_count(const std::string& text, unsigned long long* value) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    errno = 0;
+    *value = strtoull(text.c_str(), nullptr, 10);
+    return errno == 0;
+}
+
+unsigned wait_seconds_of(const httpserver::http_request& request) {
+    unsigned long long wait = HOLD_WAIT_DEFAULT_SECONDS;
+    if (!parse_count(request.get_arg("wait"), &wait)) {
+        wait = HOLD_WAIT_DEFAULT_SECONDS;
+    }
+    return static_cast<unsigned>(std::min<unsigned long long>(wait, HOLD_WAIT_MAX_SECONDS));
+}
+
+// A view's request with the view's current "index" and a wait waits for a
+// change; any other index (or none) is answered at once.
+bool holds_until_changed(const httpserver::http_request& request, hold_terms* terms) {
+    if (request.get_path() != SVCMON_PATH) {
+        return false;
+    }
+    const svcmon_method* method = find_method(request);
+    unsigned long long index = 0;
+    if (method == nullptr || method->view == nullptr ||
+        !parse_count(request.get_arg("index"), &index) || index != method->view->index()) {
+        return false;
+    }
+    *terms = {method->view, index, wait_seconds_of(request)};
+    return terms->wait_seconds > 0;
+}
+
 }  // namespace
 
 common_http_resource svcmon_resource(SVCMON_PATH, proc_svcmon_get, nullptr, nullptr, nullptr,
-                                     &history_relay);
+                                     &history_relay, holds_until_changed);

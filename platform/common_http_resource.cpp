@@ -40,10 +40,12 @@ bool path_covers(const std::string& resource_path, const std::string& request_pa
 
 common_http_resource::common_http_resource(const char* resource_path, http_handler get,
                                            http_handler post, http_handler put,
-                                           http_handler del, const relay_marking* relay_rule)
+                                           http_handler del, const relay_marking* relay_rule,
+                                           hold_rule hold_rule_of)
     : path(resource_path == nullptr ? "" : resource_path),
       handlers{get, post, put, del},
-      relay(relay_rule) {
+      relay(relay_rule),
+      hold(hold_rule_of) {
     resource_table().push_back(this);
 }
 
@@ -81,6 +83,11 @@ const relay_marking* common_http_resource::relay_for(
         return nullptr;
     }
     return relay;
+}
+
+bool common_http_resource::hold_for(const httpserver::http_request& request,
+                                    hold_terms* terms) const {
+    return hold != nullptr && hold(request, terms);
 }
 
 // A resource with an empty path serves nothing. Of two resources with the

@@ -28,13 +28,26 @@ struct relay_marking {
     http_handler refused;
 };
 
+class change_view;
+
+// What a request that may be held (held_requests.h) waits for: the view,
+// the index it has seen, and how long it waits at most.
+struct hold_terms {
+    const change_view* view;
+    unsigned long long index;
+    unsigned wait_seconds;
+};
+// True, with the terms filled in, for a request that asks to be held.
+typedef bool (*hold_rule)(const httpserver::http_request&, hold_terms*);
+
 class common_http_resource {
 public:
     // Registers the path with its four handlers (null: no handler) and,
-    // for a resource that relays, its marking (which must outlive it).
+    // for a resource that relays, its marking (which must outlive it), and
+    // for one whose requests may be held, its hold rule.
     common_http_resource(const char* path, http_handler get, http_handler post,
                          http_handler put, http_handler del,
-                         const relay_marking* relay = nullptr);
+                         const relay_marking* relay = nullptr, hold_rule hold = nullptr);
     ~common_http_resource();
     common_http_resource(const common_http_resource&) = delete;
     common_http_resource& operator=(const common_http_resource&) = delete;
@@ -47,11 +60,15 @@ public:
     // The marking when this request waits on another service, else null.
     const relay_marking* relay_for(const httpserver::http_request& request) const;
 
+    // True, with the terms filled in, when this request asks to be held.
+    bool hold_for(const httpserver::http_request& request, hold_terms* terms) const;
+
 private:
     std::string path;
     // The handlers in the order GET, POST, PUT, DELETE.
     std::array<http_handler, 4> handlers;
     const relay_marking* relay;
+    hold_rule hold;
 };
 
 // The resource whose path is the request path or lies above it (the longest

@@ -31,6 +31,7 @@
 #include "platform/common_http_resource.h"
 #include "platform/connection_guard.h"
 #include "platform/dlog.h"
+#include "platform/held_requests.h"
 #include "platform/httpserver.h"
 #include "platform/relay_pool.h"
 
@@ -222,23 +223,29 @@ std::shared_ptr<httpserver::http_response> reply_of(http_handler handler,
     }
 }
 
-// A request on its way through the relay pool. Its connection is
-// suspended from before the job is submitted until answer() resumes it.
+// A request on its way through the relay pool, or held until a view
+// changes (then with no marking: it is always answered by its handler). Its
+// connection is suspended from before the job is handed on until answer()
+// resumes it.
 class relay_request final : public relay_job {
 public:
     relay_request(MHD_Connection* connection, request_state* state,
-                  const relay_marking& marking, httpserver::http_request request)
+                  const relay_marking* marking, httpserver::http_request request)
         : connection(connection), state(state), marking(marking), request(std::move(request)) {}
 
     void run() override { answer(state->handler); }
 
     void refuse() override {
+        if (marking == nullptr) {
+            run();
+            return;
+        }
         if (!debug_log.path.empty()) {
             log_File_Debug_s(debug_log.path.c_str(), debug_log.size_limit,
                              "relay refused (no room or stopping), answered as failed: %s %s",
                              request.get_method().c_str(), request.get_path().c_str());
         }
-        answer(marking.refused);
+        answer(marking->refused);
     }
 
 private:
@@ -251,16 +258,29 @@ private:
 
     MHD_Connection* connection;
     request_state* state;
-    const relay_marking& marking;
+    const relay_marking* marking;
     httpserver::http_request request;
 };
 
 MHD_Result hand_to_relay_pool(MHD_Connection* connection, request_state* state,
                               const relay_marking& marking,
                               httpserver::http_request request) {
-    auto job = std::make_unique<relay_request>(connection, state, marking, std::move(request));
+    auto job = std::make_unique<relay_request>(connection, state, &marking, std::move(request));
     MHD_suspend_connection(connection);
     relay_pool_submit(std::move(job));
+    return MHD_YES;
+}
+
+// A request that is not held after all is answered at once, here.
+MHD_Result hold_until_changed(MHD_Connection* connection, request_state* state,
+                              const hold_terms& terms, httpserver::http_request request) {
+    std::unique_ptr<relay_job> job =
+        std::make_unique<relay_request>(connection, state, nullptr, std::move(request));
+    MHD_suspend_connection(connection);
+    held_requests_hold(job, *terms.view, terms.index, terms.wait_seconds);
+    if (job) {
+        job->run();
+    }
     return MHD_YES;
 }
 
@@ -274,6 +294,10 @@ MHD_Result call_handler(MHD_Connection* connection, const char* url, const char*
         const relay_marking* relay = state->resource->relay_for(request);
         if (relay != nullptr) {
             return hand_to_relay_pool(connection, state, *relay, std::move(request));
+        }
+        hold_terms terms;
+        if (state->resource->hold_for(request, &terms)) {
+            return hold_until_changed(connection, state, terms, std::move(request));
         }
         return send_response(connection, state, reply_of(state->handler, request));
     } catch (...) {
@@ -453,12 +477,14 @@ long long ssci_server_start() {
         return SSCI_STATUS_START_FAILED;
     }
     relay_pool_start();
+    held_requests_start();
     g_server.daemon = MHD_start_daemon(
         DAEMON_FLAGS, 0, nullptr, nullptr, on_request, nullptr, MHD_OPTION_ARRAY, options,
         MHD_OPTION_NOTIFY_COMPLETED, on_completed, nullptr, MHD_OPTION_NOTIFY_CONNECTION,
         on_connection, nullptr, MHD_OPTION_END);
     if (g_server.daemon == nullptr) {
         connection_guard_stop();
+        held_requests_stop();
         relay_pool_stop();
         return SSCI_STATUS_START_FAILED;
     }
@@ -468,8 +494,9 @@ long long ssci_server_start() {
 
 // Takes the listen socket back from libmicrohttpd first, so that stopping
 // the daemon leaves it open: the server may start again, and destory
-// closes it. Relays in flight end within their own time limits; those still
-// waiting for a worker are answered as failed at once. No connection is
+// closes it. Held requests are answered at once. Relays in flight end
+// within their own time limits; those still waiting for a worker are
+// answered as failed at once. No connection is
 // suspended once the pool has stopped, as libmicrohttpd requires.
 long long ssci_server_stop() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
@@ -479,6 +506,7 @@ long long ssci_server_stop() {
     if (MHD_quiesce_daemon(g_server.daemon) != g_server.listen_fd) {
         g_server.listen_fd = -1;  // MHD_stop_daemon closes it
     }
+    held_requests_stop();
     relay_pool_stop();
     connection_guard_stop();
     MHD_stop_daemon(g_server.daemon);

@@ -32,11 +32,13 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
 
 // The log is process-wide and never emptied: this test runs first.
 TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
-    EXPECT_EQ(R"({ "return": 0, "items": [ ] })", control_runs_reply());
+    EXPECT_EQ(R"({ "return": 0, "index": 0, "items": [ ] })", control_runs_reply());
     for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
         control_run_begin("start", std::to_string(i).c_str());
     }
-    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), SIGKILL);
+    control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), SIGKILL,
+                       std::string(5000, 'x') + "\xe2\x82\xac\xff");
+    EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
     EXPECT_EQ(" \"" + std::string(31, 'm') + "\" \"" + std::string(255, 'c') + "\" null 9",
               run(0, {"method", "command", "exit_status", "signal"}));
     EXPECT_EQ(R"( "2")", run(CONTROL_RUNS_KEPT - 1, {"command"}));

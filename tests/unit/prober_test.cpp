@@ -1,81 +1,102 @@
-// prober_test.cpp - reachability: the parallel connect checks against
-// loopback peers (every outcome whatever the window, the stop descriptor),
-// and the prober's reply, window under the descriptor limit and findings.
+// prober_test.cpp - reachability: the HTTP-level checks against loopback
+// peers (every outcome, "localhost", the stop descriptor), and the
+// prober's reply and findings (counts, recent results, events).
 // Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <sys/resource.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
-#include "monitor/tcp_probe.h"
+#include "monitor/reach_events.h"
 #include "registry/svc_info_map.h"
 
 namespace {
 
-// A loopback port that listens with `backlog`, or refuses connects when it
-// is negative; `silent` takes the one place of a backlog of 0, so that a
-// connect neither completes nor fails until given up.
-struct loopback_port {
-    int fd, filler = -1, port = 0;
-    loopback_port(int family, int backlog, bool silent = false) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in6 address{};  // an IPv4 address has its port at the same place
-        address.sin6_family = static_cast<sa_family_t>(family);
-        inet_pton(family, family == AF_INET ? "127.0.0.1" : "::1",
-                  family == AF_INET ? static_cast<void*>(&reinterpret_cast<sockaddr_in*>(&address)->sin_addr)
-                                    : static_cast<void*>(&address.sin6_addr));
-        socklen_t length = family == AF_INET ? sizeof(sockaddr_in) : sizeof address;
-        sockaddr* any = reinterpret_cast<sockaddr*>(&address);
-        bind(fd, any, length), getsockname(fd, any, &length), port = ntohs(address.sin6_port);
-        backlog >= 0 ? listen(fd, backlog) : 0;
-        filler = silent ? socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
-        EXPECT_TRUE(port > 0 && (!silent || connect(filler, any, length) == 0));
+// A loopback port: listening (accepting with `reply` written back to each
+// request, then closing; or never accepting when `accepts` is false), or
+// bound and refusing connects.
+struct loopback_service {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port = 0;
+    std::string reply;
+    std::atomic<bool> stopping{false};
+    std::thread server;
+
+    loopback_service(bool listening, bool accepts, std::string answer = "") : reply(std::move(answer)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+        if (listening) {
+            listen(fd, 16);
+        }
+        if (accepts) {
+            server = std::thread([this] { serve(); });
+        }
     }
-    ~loopback_port() { close(fd), close(filler); }
+    ~loopback_service() {
+        stopping = true;
+        if (server.joinable()) server.join();
+        close(fd);
+    }
+    void serve() {
+        while (!stopping) {
+            pollfd ready = {fd, POLLIN, 0};
+            if (poll(&ready, 1, 20) <= 0) continue;
+            int peer = accept(fd, nullptr, nullptr);
+            char request[256];
+            recv(peer, request, sizeof request, 0);
+            send(peer, reply.data(), reply.size(), MSG_NOSIGNAL);
+            close(peer);
+        }
+    }
 };
 
-TEST(ProbeTargets, EveryOutcomeWhateverTheWindow) {
-    loopback_port up4(AF_INET, 16), up6(AF_INET6, 16), closed(AF_INET, -1), silent(AF_INET, 0, true);
+TEST(ProbeTargets, EveryOutcomeOfAnHttpCheck) {
+    loopback_service answering(true, true, "HTTP/1.1 501 Not Implemented\r\nContent-Length: 0\r\n\r\n"),
+        not_http(true, true, "SSH-2.0-OpenSSH\r\n"), closing(true, true), hung(true, false), closed(false, false);
     const std::vector<probe_target> targets = {
-        {"127.0.0.1", up4.port}, {"::1", up6.port}, {"127.0.0.1", closed.port}, {"127.0.0.1", silent.port},
-        {"localhost", up4.port}, {"127.1", up4.port}, {"::1%lo", up6.port}, {"127.0.0.1", 0}, {"127.0.0.1", 65536},
+        {"127.0.0.1", answering.port}, {"localhost", answering.port}, {"localhost.", answering.port},
+        {"127.0.0.1", not_http.port}, {"127.0.0.1", closing.port}, {"127.0.0.1", hung.port},
+        {"127.0.0.1", closed.port}, {"127.1", answering.port}, {"localhost6", answering.port},
+        {"127.0.0.1", 0}, {"127.0.0.1", 65536},
     };
-    const char* const errors[] = {"", "", "connection refused", PROBE_TIMED_OUT, PROBE_NOT_NUMERIC, PROBE_NOT_NUMERIC,
-                                  PROBE_NOT_NUMERIC, PROBE_INVALID_PORT, PROBE_INVALID_PORT};
-    // Sockets kept from checks of every outcome serve the next checks (the
-    // list again, backwards): each gives its own true outcome.
-    probe_sockets kept;
-    for (std::size_t window : {std::size_t{1}, targets.size()}) {
-        for (bool backwards : {false, true}) {
-            std::vector<probe_result> results;
-            const std::vector<probe_target> order(targets.rbegin(), targets.rend());
-            ASSERT_TRUE(probe_targets(backwards ? order : targets, {300, window}, -1, results, &kept));
-            for (std::size_t at = 0; at < targets.size(); ++at) {
-                const std::size_t i = backwards ? targets.size() - 1 - at : at;
-                EXPECT_STREQ(errors[i], results[at].error) << targets[i].ip << " " << targets[i].port;
-                EXPECT_EQ(*results[at].error == '\0', results[at].reachable) << targets[i].ip;
-            }
-        }
+    const char* const expected[] = {
+        "up 501 ", "up 501 ", "up 501 ", "no answer 0 not an HTTP status line",
+        "no answer 0 closed without a status line", "no answer 0 no status line in time",
+        "down 0 connection refused", "down 0 not a numeric address", "down 0 not a numeric address",
+        "down 0 invalid port", "down 0 invalid port",
+    };
+    std::vector<probe_result> results;
+    ASSERT_TRUE(probe_targets(targets, 300, -1, results));
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        EXPECT_EQ(expected[i], std::string(probe_state_name(results[i].state)) + " " +
+                                   std::to_string(results[i].http_status) + " " + results[i].error)
+            << targets[i].ip << ":" << targets[i].port;
+        EXPECT_EQ(results[i].state == probe_state::up, results[i].latency_ms > 0);
     }
     int wake[2];
     ASSERT_EQ(0, pipe(wake));
     ASSERT_EQ(1, write(wake[1], "x", 1));
-    std::vector<probe_result> results;
-    EXPECT_FALSE(probe_targets({{"127.0.0.1", silent.port}}, {3600 * 1000, 4}, wake[0], results));
+    EXPECT_FALSE(probe_targets({{"127.0.0.1", hung.port}}, 3600 * 1000, wake[0], results));
     close(wake[0]), close(wake[1]);
 }
 
-// A member of the reply's item for `name`, as JSON text.
+// A member of the reply's item for `name` (or of the reply itself for ""), as JSON text.
 std::string finding(const std::string& name, const char* member) {
     json_object* reply = json_tokener_parse(prober_reachability_reply().c_str());
     json_object* items = json_object_object_get(reply, "items");
-    std::string text = "no item";
+    std::string text = name.empty() ? json_object_to_json_string(json_object_object_get(reply, member)) : "no item";
     for (std::size_t i = 0; i < json_object_array_length(items); ++i) {
         json_object* item = json_object_array_get_idx(items, i);
         if (name == json_object_get_string(json_object_object_get(item, "name"))) {
@@ -97,40 +118,40 @@ bool becomes(const std::string& name, const char* member, const std::string& val
 // Before the prober ever started: period 0 and no finding.
 TEST(Prober, BeforeAnyCheckEveryFindingIsNull) {
     svc_info_add("a", svc_info{"127.0.0.1", 1});
-    EXPECT_EQ(R"({ "return": 0, "period": 0, "items": [ { "name": "a", "ip": "127.0.0.1", "port": 1, )"
-              R"("reachable": null, "checked": null, "since": null, "latency_ms": null, "failures": 0, "error": "" } ] })",
+    EXPECT_EQ(R"({ "return": 0, "index": 0, "version": "1.0.0", "started": null, "period": 0, "items": [ )"
+              R"({ "name": "a", "ip": "127.0.0.1", "port": 1, "reachable": null, "state": null, "http_status": null, )"
+              R"("checked": null, "since": null, "latency_ms": null, "failures": 0, "error": "", "checks": 0, )"
+              R"("up_checks": 0, "recent": "" } ] })",
               prober_reachability_reply());
     svc_info_delete("a");
 }
 
-// With a quarter of the descriptor limit below the least window of 8, the
-// prober keeps 8 connects in flight: as many as there are descriptors left.
-TEST(Prober, FindingsOfRoundsWithinTheDescriptorLimit) {
-    loopback_port up(AF_INET, 64), closed(AF_INET, -1);
-    int used = 0;
-    for (int fd = 0; fd < 64; ++fd) {
-        used += fcntl(fd, F_GETFD) != -1;
-    }
-    rlimit saved;
-    getrlimit(RLIMIT_NOFILE, &saved);
-    const rlimit lowered = {static_cast<rlim_t>(used + 2 + 8), saved.rlim_max};  // 2: the prober's wake-up pipe
-    ASSERT_LT(lowered.rlim_cur, 32u) << "too many descriptors open already";
-    for (int service = 0; service < 9; ++service) {
-        svc_info_add("up" + std::to_string(service), svc_info{"127.0.0.1", up.port});
-    }
+// Checks are counted and kept per address; a move starts afresh and is one event.
+TEST(Prober, CountsRecentResultsAndEvents) {
+    loopback_service up(true, true, "HTTP/1.0 200 OK\r\n\r\n"), closed(false, false);
+    svc_info_add("up", svc_info{"127.0.0.1", up.port});
     svc_info_add("down", svc_info{"127.0.0.1", closed.port});
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lowered));
     ASSERT_TRUE(prober_start(1));
-    EXPECT_TRUE(becomes("down", "failures", "1"));
-    for (int service = 0; service < 9; ++service) {
-        EXPECT_EQ("true 0", finding("up" + std::to_string(service), "reachable") + " " +
-                                finding("up" + std::to_string(service), "failures"));
-    }
-    const std::string since = finding("down", "since");
-    EXPECT_TRUE(becomes("down", "failures", "2"));
-    EXPECT_EQ(since + " false", finding("down", "since") + " " + finding("down", "reachable"));
+    EXPECT_TRUE(becomes("up", "checks", "2"));
+    EXPECT_EQ(R"("uu" 2 200 "up" true)", finding("up", "recent") + " " + finding("up", "up_checks") + " " +
+                                            finding("up", "http_status") + " " + finding("up", "state") + " " +
+                                            finding("up", "reachable"));
+    EXPECT_TRUE(becomes("down", "recent", R"("dd")"));
+    EXPECT_EQ(R"(0 2 "connection refused" null)", finding("down", "up_checks") + " " + finding("down", "failures") +
+                                                      " " + finding("down", "error") + " " + finding("down", "latency_ms"));
+    const std::string index = finding("", "index");
+    svc_info_add("down", svc_info{"127.0.0.1", up.port});
+    EXPECT_TRUE(becomes("down", "state", R"("up")"));
+    EXPECT_EQ(R"("u")", finding("down", "recent"));
+    EXPECT_NE(index, finding("", "index"));
+    const std::string events = reach_events_reply();
+    EXPECT_NE(std::string::npos, events.find(R"("name": "down", "event": "moved", "from": null, "to": null, )"
+                                             R"("detail": "127.0.0.1:)" + std::to_string(closed.port) +
+                                             " -> 127.0.0.1:" + std::to_string(up.port) + "\""))
+        << events;
+    EXPECT_NE(std::string::npos, events.find(R"("event": "started")")) << events;
     prober_stop();
-    setrlimit(RLIMIT_NOFILE, &saved);
+    svc_info_delete("up"), svc_info_delete("down");
 }
 
 }  // namespace
