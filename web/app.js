@@ -23,7 +23,7 @@ const SVCMON_URL = "/managerService/svcmon";
 const SERVICES_URL = "/managerService/services";
 const SYS_STATE_URL = "/managerService/sys_state";
 const PAGE_TITLE = "Service monitor";
-const WAIT_S = 25;                  // the long poll's wait
+const WAIT_S = 25;                  // the long poll's wait on events and runs
 const LONG_POLL_SLACK_MS = 5000;    // beyond the wait before a held poll counts as lost
 const REQUEST_TIMEOUT_MS = 4000;    // a history takes up to 2 s
 const SYS_STATE_TIMEOUT_MS = 8000;  // the relay waits up to 5 s
@@ -230,9 +230,10 @@ function periodMs() {
 }
 
 // A followed view: its method, what shows its reply (null when the daemon
-// does not know the method), and the index of the last reply.
-function makeView(method, show) {
-  return { method, show, index: null, controller: new AbortController() };
+// does not know the method), the long poll's wait in seconds, and the index
+// of the last reply.
+function makeView(method, show, waitSeconds) {
+  return { method, show, waitSeconds, index: null, controller: new AbortController() };
 }
 
 // Cuts short the view's request or pause: it asks again at once.
@@ -245,9 +246,10 @@ async function follow(view) {
     view.controller = new AbortController();
     const signal = view.controller.signal;
     const live = view.index !== null && !document.hidden;
-    const query = "method=" + view.method + (live ? "&index=" + view.index + "&wait=" + WAIT_S : "");
+    const wait = view.waitSeconds();
+    const query = "method=" + view.method + (live ? "&index=" + view.index + "&wait=" + wait : "");
     try {
-      const reply = await askMonitor(query, live ? WAIT_S * 1000 + LONG_POLL_SLACK_MS
+      const reply = await askMonitor(query, live ? wait * 1000 + LONG_POLL_SLACK_MS
                                                  : REQUEST_TIMEOUT_MS, signal);
       const known = reply.return === 0;
       await view.show(known ? reply : null, signal);
@@ -844,8 +846,11 @@ async function loadSysState() {
 
 // ---- Start -------------------------------------------------------------
 
-const views = [makeView("get_reachability", showReachability), makeView("get_events", showEvents),
-               makeView("get_control_runs", showRuns)];
+// The reachability index moves only when a state changes: the wait of one
+// period brings the latest checks (strip, latency, share) once a period too.
+const views = [makeView("get_reachability", showReachability, () => daemon.period || WAIT_S),
+               makeView("get_events", showEvents, () => WAIT_S),
+               makeView("get_control_runs", showRuns, () => WAIT_S)];
 
 makeControls();
 $("filter").addEventListener("input", applyFilter);

@@ -32,15 +32,18 @@ echo "stopping the services"
 while [ ! -e {GO} ]; do sleep 0.05; done
 echo "$0 $* done"
 """
-# The visible services as [name, state] pairs, in page order.
-ROWS = """Array.from(document.querySelectorAll('#services tbody:not([hidden]) tr.service'),
-  (tr) => [tr.querySelector('button.name').textContent, tr.querySelector('.state').textContent])"""
+# The services shown, as [name, state] pairs in page order.
+ROWS = """Array.from(document.querySelectorAll('#services tr.service'))
+  .filter((tr) => tr.getClientRects().length > 0)
+  .map((tr) => [tr.querySelector('button.name').textContent, tr.querySelector('.state').textContent])"""
 # The most lines of any service card (cells that wrap count as two).
 CARD_LINES = """Math.max(...Array.from(document.querySelectorAll('tr.service'), (tr) => {
   const shown = Array.from(tr.cells, (td) => td.getBoundingClientRect()).filter((box) => box.height);
   const line = parseFloat(getComputedStyle(tr).lineHeight);
   return new Set(shown.map((box) => box.top)).size + shown.filter((box) => box.height > 1.6 * line).length;
 }))"""
+# The fewest checks in any service's strip.
+RECENT_CHECKS = "Math.min(...Array.from(document.querySelectorAll('.strip'), (s) => s.children.length))"
 RUNS = "Array.from(document.querySelectorAll('#runs li'), (li) => li.innerText)"
 
 
@@ -102,9 +105,15 @@ class Browser:
         self.send("Page.navigate", url=url)
         assert wait_for(lambda: self.js("document.readyState === 'complete' && location.href") == url)
 
-    def shoot(self, name):
-        """Saves the view as name.png in the screenshot folder, when there is one."""
-        data = base64.b64decode(self.send("Page.captureScreenshot", format="png")["data"])
+    def shoot(self, name, whole=False):
+        """Saves the view (or the whole page) as name.png in the screenshot
+        folder, when there is one."""
+        clip = {}
+        if whole:
+            size = self.send("Page.getLayoutMetrics")["cssContentSize"]
+            clip = {"captureBeyondViewport": True, "clip": {
+                "x": 0, "y": 0, "width": size["width"], "height": size["height"], "scale": 1}}
+        data = base64.b64decode(self.send("Page.captureScreenshot", format="png", **clip)["data"])
         assert data.startswith(b"\x89PNG")
         if SHOTS:
             with open(os.path.join(SHOTS, name + ".png"), "wb") as out:
@@ -186,8 +195,10 @@ def test_console_follows_states_runs_history_and_the_daemon(sandbox):
             "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
         assert page.js("document.querySelector('#controls button[value=stop]')"
                        ".getAttribute('aria-disabled')") == "false"
-        assert "svc_leaving" in page.js("document.getElementById('events').innerText")
-        page.shoot("monitor-desktop")
+        assert "svc_leaving up \u2192 down" in page.js("document.getElementById('events').innerText")
+        assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10), page.js(
+            "Array.from(document.querySelectorAll('.strip'), (s) => s.getAttribute('aria-label'))")
+        page.shoot("monitor-desktop", whole=True)
 
         # The daemon stops: the page says so, greyed; a new daemon is a restart.
         assert daemon.stop() == 0
@@ -203,27 +214,37 @@ def test_console_follows_states_runs_history_and_the_daemon(sandbox):
 
 def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
     with FakePeer(answer(200)) as up, FakePeer(silent) as hung, Browser(390, 844, True) as page:
-        daemon = start_daemon(sandbox, "-m", "1")
-        closed = free_port()
-        ports = [up.port] * 150 + [closed] * 60 + [hung.port] * 10
-        for number, port in enumerate(ports):
-            register(daemon, f"svc{number:03}", port)
+        daemon = start_daemon(sandbox, "-m", "2")
+        # Of every 22 services one is hung, six are down (a closed port), 15 up.
+        kinds = [hung.port] + [free_port()] * 6 + [up.port] * 15
+        for number in range(220):
+            register(daemon, f"svc{number:03}", kinds[number % 22])
         page.open(f"http://127.0.0.1:{daemon.port}{PAGE}")
-        assert wait_for(lambda: page.js("document.getElementById('count').textContent")
-                        == "60 down, 10 no answer", 20)
-        states = [state for _, state in page.js(ROWS)]
-        assert states[:70].count("up") == 0 and states[70:] == ["up"] * 150
+
+        def problems_first():
+            states = [state for _, state in page.js(ROWS)]
+            return sorted(states[:70]) == ["down"] * 60 + ["no answer"] * 10 and \
+                states[70:] == ["up"] * 150
+        assert wait_for(problems_first, 20), page.js(ROWS)
+        assert page.js("document.getElementById('count').textContent") == "60 down, 10 no answer"
         height = page.js("document.documentElement.scrollHeight")
         print(f"phone page height with 220 services: {height} px")
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
-        page.js("document.getElementById('services-heading').scrollIntoView()")
+        # A few checks in every strip, and one screen of each state.
+        assert wait_for(lambda: page.js(RECENT_CHECKS) >= 4, 20)
+        page.js("const filter = document.getElementById('filter'); filter.value = 'svc02';"
+                "filter.dispatchEvent(new Event('input'));"
+                "document.getElementById('services-heading').scrollIntoView()")
+        assert wait_for(lambda: [state for _, state in page.js(ROWS)]
+                        == ["no answer"] + ["down"] * 6 + ["up"] * 3), page.js(ROWS)
         page.shoot("monitor-phone")
 
 
 class OlderDaemon(http.server.BaseHTTPRequestHandler):
     """A daemon of an older build: no events, reachability without index or
-    states, control runs without output; it stops answering when told."""
+    states, control runs without output; a system state; it stops answering
+    when told."""
     answering = True
     REPLIES = {
         "get_health_status": {"return": 0, "items": []},
@@ -244,7 +265,9 @@ class OlderDaemon(http.server.BaseHTTPRequestHandler):
         if not OlderDaemon.answering:
             self.close_connection = True
             return
-        if url.path.startswith(SVCMON + "/web/"):
+        if url.path == "/managerService/sys_state":
+            body = b'{"cpu": [3, 4]}'
+        elif url.path.startswith(SVCMON + "/web/"):
             with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
                 body = page.read()
         else:
@@ -267,11 +290,14 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
             assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
             assert "connection refused (4 checks in a row)" in page.js(
                 "document.querySelector('#services tbody').textContent")
-            assert page.js("document.getElementById('events-note').textContent") \
-                == "Unknown: the daemon does not report events."
+            assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
+                            == "Unknown: the daemon does not report events.")
             assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
             assert page.js(RUNS)[0].startswith("failed: exit status 3 start")
             assert page.js("document.documentElement.scrollWidth") == 390
+            press(page, "#sys-state-box summary")
+            assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
+                            == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
             OlderDaemon.answering = False
             assert wait_for(lambda: page.js("document.getElementById('count').textContent")
                             .startswith("daemon not answering since"), 3)
