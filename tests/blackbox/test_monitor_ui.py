@@ -243,8 +243,8 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
 
 class OlderDaemon(http.server.BaseHTTPRequestHandler):
     """A daemon of an older build: no events, reachability without index or
-    states, control runs without output; a system state; it stops answering
-    when told."""
+    states (or none, when the test says), control runs without output, a
+    system state; it stops answering when told."""
     answering = True
     REPLIES = {
         "get_health_status": {"return": 0, "items": []},
@@ -298,6 +298,12 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
             press(page, "#sys-state-box summary")
             assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
                             == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
+            # Without reachability at all, the list comes from the health status.
+            OlderDaemon.REPLIES["get_health_status"]["items"] = [
+                {"name": "c_only", "ip": "127.0.0.1", "port": 9, "health_status": "off-line"}]
+            OlderDaemon.REPLIES["get_reachability"] = {"return": -1}
+            assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
+            assert page.js("document.title") == "Service monitor: state unknown"
             OlderDaemon.answering = False
             assert wait_for(lambda: page.js("document.getElementById('count').textContent")
                             .startswith("daemon not answering since"), 3)
