@@ -218,8 +218,13 @@ async function askMonitor(query, timeoutMs, signal) {
   return (await ask(SVCMON_URL + "?" + query, {}, timeoutMs, signal)).json();
 }
 
+// Waits, or less when `signal` is (or gets) aborted.
 function pause(milliseconds, signal) {
   return new Promise((resolve) => {
+    if (signal.aborted) {
+      resolve();
+      return;
+    }
     const timer = setTimeout(resolve, milliseconds);
     signal.addEventListener("abort", () => { clearTimeout(timer); resolve(); });
   });
@@ -305,8 +310,7 @@ function noteStarted(started) {
 function renderFacts(reply) {
   const started = reply && parseTime(reply.started);
   setText($("version"), reply && reply.version ? "manager_svc " + reply.version : "unknown");
-  const startedNode = $("started");
-  setText(startedNode, started ? dateTimeText(started) : "unknown");
+  setText($("started"), started ? dateTimeText(started) : "unknown");
   daemon.period = reply && Number.isInteger(reply.period) ? reply.period : null;
   setText($("period"), daemon.period ? daemon.period + " s" : "unknown");
 }
@@ -462,10 +466,12 @@ function updateRow(row, item) {
   setAttr(row.share, "title", item.checks > 0
       ? "up in " + item.up_checks + " of " + item.checks + " checks" : "no checks yet");
   setText(row.error, errorText(item));
+  setAttr(row.error, "title", errorText(item));  // cut to one line on a phone
 }
 
 function compareRows(a, b) {
-  return (a.state === "up") - (b.state === "up") || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0);
+  const byName = a.name < b.name ? -1 : a.name > b.name ? 1 : 0;
+  return (a.state === "up") - (b.state === "up") || byName;
 }
 
 // Moves only the rows that are out of place; the focus stays put.
@@ -500,7 +506,8 @@ function applyFilter() {
   if (rows.size === 0) {
     note = "No service is registered.";
   } else if (shown === 0) {
-    note = wanted ? "No service matches \u201c" + wanted + "\u201d." : "No problem: every service is up.";
+    note = wanted ? "No service matches \u201c" + wanted + "\u201d."
+                  : "No problem: every service is up.";
   } else if (shown < rows.size) {
     note = shown + " of " + rows.size + " services shown.";
   }
@@ -639,7 +646,8 @@ function stateWord(state) {
 function eventText(event) {
   const texts = { state: stateWord(event.from) + " \u2192 " + stateWord(event.to),
                   started: "daemon started" };
-  return (texts[event.event] || String(event.event)) + (event.detail ? " (" + event.detail + ")" : "");
+  const detail = event.detail ? " (" + event.detail + ")" : "";
+  return (texts[event.event] || String(event.event)) + detail;
 }
 
 function eventItem(event) {
@@ -648,8 +656,9 @@ function eventItem(event) {
   if (event.name) {
     item.append(element("b", event.name), " ");
   }
-  item.append(event.event === "state" ? element("span", eventText(event), stateClass(stateWord(event.to)))
-                                      : eventText(event));
+  const text = eventText(event);
+  const changed = event.event === "state";
+  item.append(changed ? element("span", text, stateClass(stateWord(event.to))) : text);
   return item;
 }
 
@@ -678,7 +687,8 @@ function renderEvents() {
   $("events").replaceChildren(...shown.map(eventItem));
   $("events-box").hidden = shown.length === 0;
   setText($("events-note"), knownEvents === null ? "Unknown: the daemon does not report events."
-      : shown.length === 0 ? "No event" + (chosen ? " of " + chosen : "") + " since the daemon started."
+      : shown.length === 0
+          ? "No event" + (chosen ? " of " + chosen : "") + " since the daemon started."
       : "");
 }
 
@@ -763,7 +773,8 @@ function showRuns(reply) {
       : knownRuns.length === 0 ? "No run since the daemon started." : "");
   renderControls();
   const newest = knownRuns && knownRuns[0];
-  const news = newest ? newest.method + " started " + newest.started + ": " + runOutcome(newest)[0] : "";
+  const news = newest
+      ? newest.method + " started " + newest.started + ": " + runOutcome(newest)[0] : "";
   if (news !== lastRunNews && lastRunNews !== "" && newest) {
     announce("Run of " + newest.method + ": " + runOutcome(newest)[0]);
   }
@@ -775,9 +786,9 @@ async function runAction(action) {
   renderControls();
   let note;
   try {
-    const answer = await ask(SERVICES_URL, { method: "POST", body: JSON.stringify({ method: action.method }),
-                                             headers: { "Content-Type": "application/json" } },
-                             REQUEST_TIMEOUT_MS);
+    const post = { method: "POST", body: JSON.stringify({ method: action.method }),
+                   headers: { "Content-Type": "application/json" } };
+    const answer = await ask(SERVICES_URL, post, REQUEST_TIMEOUT_MS);
     const reply = await answer.json();
     note = reply.return === 0 ? action.method + " sent at " + clockText(new Date()) + "."
         : action.method + " refused by the daemon (return " + reply.return + ").";
@@ -837,7 +848,8 @@ async function loadSysState() {
   try {
     text = JSON.stringify(JSON.parse(text), null, 2);
   } catch (notJson) {
-    note += text ? " The answer is not JSON." : " Empty answer: recStreamService is not registered or did not answer.";
+    note += text ? " The answer is not JSON."
+                 : " Empty answer: recStreamService is not registered or did not answer.";
   }
   $("sys-state").textContent = text;
   setText($("sys-state-note"), note);
