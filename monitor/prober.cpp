@@ -180,8 +180,10 @@ bool note_result(reach_finding& known, const probe_result& result, time_t now) {
     return view_changed;
 }
 
-// Stores the results of services still registered at the address checked.
-void record(const std::vector<probe_job>& jobs, const std::vector<probe_result>& results) {
+// Stores the results of services still registered at the address checked;
+// results[job_target[i]] belongs to jobs[i].
+void record(const std::vector<probe_job>& jobs, const std::vector<std::size_t>& job_target,
+            const std::vector<probe_result>& results) {
     const time_t now = time(nullptr);
     bool changed = false;
     std::lock_guard<std::mutex> hold(reach_lock);
@@ -189,7 +191,7 @@ void record(const std::vector<probe_job>& jobs, const std::vector<probe_result>&
         auto found = reach_map.find(jobs[i].name);
         if (found != reach_map.end() && found->second.found.ip == jobs[i].target.ip &&
             found->second.found.port == jobs[i].target.port) {
-            changed = note_result(found->second.found, results[i], now) || changed;
+            changed = note_result(found->second.found, results[job_target[i]], now) || changed;
         }
     }
     if (changed) {
@@ -223,6 +225,24 @@ void note_overrun(std::size_t services, long long elapsed_ms) {
               services, elapsed_ms, prober_period_seconds.load());
 }
 
+// The distinct addresses of the jobs: a service registered under several
+// names is checked once per round, and every name gets that result (its
+// latency is the service's, whatever the names' order). job_target[i] is
+// the target of jobs[i].
+std::vector<probe_target> distinct_targets(const std::vector<probe_job>& jobs,
+                                           std::vector<std::size_t>& job_target) {
+    std::vector<probe_target> targets;
+    std::map<std::pair<std::string, int>, std::size_t> seen;
+    for (const probe_job& job : jobs) {
+        auto found = seen.emplace(std::make_pair(job.target.ip, job.target.port), targets.size());
+        if (found.second) {
+            targets.push_back(job.target);
+        }
+        job_target.push_back(found.first->second);
+    }
+    return targets;
+}
+
 // One round over the registry; false when the prober is to stop.
 bool run_round(bool only_unchecked) {
     const long long started = monotonic_ms();
@@ -230,15 +250,13 @@ bool run_round(bool only_unchecked) {
     svc_info_list(entries);
     std::vector<probe_job> jobs = reconcile(entries, only_unchecked);
     svc_info_list_free(entries);
-    std::vector<probe_target> targets;
-    for (const probe_job& job : jobs) {
-        targets.push_back(job.target);
-    }
+    std::vector<std::size_t> job_target;
+    std::vector<probe_target> targets = distinct_targets(jobs, job_target);
     std::vector<probe_result> results;
     if (!probe_targets(targets, check_timeout_ms(), wake_pipe[0], results)) {
         return false;
     }
-    record(jobs, results);
+    record(jobs, job_target, results);
     if (!only_unchecked) {
         note_overrun(jobs.size(), monotonic_ms() - started);
     }

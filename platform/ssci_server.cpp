@@ -34,6 +34,7 @@
 #include "platform/held_requests.h"
 #include "platform/httpserver.h"
 #include "platform/relay_pool.h"
+#include "platform/request_counts.h"
 
 namespace {
 
@@ -341,10 +342,15 @@ MHD_Result on_request(void*, MHD_Connection* connection, const char* url, const 
     }
 }
 
-void on_completed(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode) {
+void on_completed(void*, MHD_Connection* connection, void** con_cls, MHD_RequestTerminationCode) {
     auto* state = static_cast<request_state*>(*con_cls);
     if (state != nullptr) {
         connection_guard_request_done(state->guarded);
+        const MHD_ConnectionInfo* answered =
+            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_HTTP_STATUS);
+        if (answered != nullptr) {
+            request_counts_add(state->resource, answered->http_status);
+        }
     }
     delete state;
     *con_cls = nullptr;

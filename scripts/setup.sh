@@ -9,7 +9,8 @@
 #                          for the target's sysroot (scripts/armhf-sysroot.sh)
 # busybox gives the init script's tests BusyBox's applets; lintian checks
 # the package; dpkg-dev unpacks the source packages that
-# scripts/device-deps.sh builds and computes the package's Depends.
+# scripts/device-deps.sh builds and computes the package's Depends;
+# prometheus gives promtool, which checks the metrics' text format.
 set -eu
 
 PACKAGES="
@@ -19,6 +20,7 @@ googletest libgtest-dev libgmock-dev
 python3 python3-pytest curl wrk chromium clang libclang-rt-14-dev
 util-linux mount procps
 busybox lintian dpkg-dev
+prometheus
 "
 ARMHF_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user debootstrap"
 case "${1:-}" in

@@ -49,5 +49,5 @@ class PeerConnection(socketserver.BaseRequestHandler):
                 data += chunk
             self.server.requests.append(data.partition(b"\r\n\r\n")[0].decode("latin-1"))
             self.server.behaviour(self.server, self.request)
-        except OSError:  # the prober's checks reset their connections
+        except OSError:  # a client that went away mid-request
             pass

@@ -59,3 +59,29 @@ def test_methods_runs_and_stop_while_a_script_runs(sandbox):
         f"{SCRIPTS[1]} restart", f"{SCRIPTS[0]} restart", f"{SCRIPTS[0]} start",
         f"{SCRIPTS[0]} stop"])
     assert daemon.stop(signal.SIGINT, timeout=3) == 0
+
+
+def set_oom_score(value):
+    """Sets this process's score when allowed; returns the one it had."""
+    with open("/proc/self/oom_score_adj") as score:
+        saved = score.read().strip()
+    with contextlib.suppress(PermissionError), open("/proc/self/oom_score_adj", "w") as score:
+        score.write(value)
+    return saved
+
+
+def test_output_kept_and_scripts_start_with_the_default_oom_score(sandbox):
+    sandbox.write(SCRIPTS[0], "#!/bin/sh\necho out; echo err >&2\n"
+                  "head -c 5000 /dev/zero | tr '\\0' x\ncat /proc/self/oom_score_adj\n", mode=0o755)
+    saved = set_oom_score("-500")  # where allowed, the daemon inherits a low score
+    daemon = sandbox.start().wait_ready()
+    set_oom_score(saved)
+    index = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["index"]
+    assert post(daemon, '{"method": "start"}') == OK
+    reply = json.loads(daemon.request(
+        "GET", SVCMON + f"?method=get_control_runs&index={index}&wait=10").body)
+    assert reply["index"] > index
+    assert wait_for(lambda: outcomes(daemon) == [("services.sh start", 0, None, False)])
+    run = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["items"][0]
+    assert run["output"] == "x" * (4096 - 2) + "0\n" and run["error"] is None
+    assert daemon.stop() == 0

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -43,6 +45,27 @@ TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
               run(0, {"method", "command", "exit_status", "signal"}));
     EXPECT_EQ(R"( "2")", run(CONTROL_RUNS_KEPT - 1, {"command"}));
     EXPECT_EQ(" none", run(CONTROL_RUNS_KEPT, {"command"}));
+}
+
+// With no descriptor left for its output pipe the shell cannot start: the
+// run is recorded as ended with no status and why.
+TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
+    int lowest_free = 0;
+    while (fcntl(lowest_free, F_GETFD) != -1) {
+        ++lowest_free;
+    }
+    rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const rlimit none_left = {static_cast<rlim_t>(lowest_free), saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
+    proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "stop"})"));
+    const std::string expected = " \"" + std::string(SERVICES_SCRIPT_PATH) + " stop\" null null";
+    for (int poll = 0; poll < 1000 && run(0, {"command", "exit_status", "signal", "ended"}).find("null null \"") ==
+                                          std::string::npos; ++poll) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(expected + " \"Too many open files\" \"\"", run(0, {"command", "exit_status", "signal", "error", "output"}));
 }
 
 void interrupt(int) {}

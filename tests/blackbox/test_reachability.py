@@ -1,0 +1,194 @@
+"""Reachability as an operator sees it: hung and stopped services are "no answer",
+refused ports "down", answering ones "up" with their status; latency belongs to the
+service, not to the names' order; outages and moves are kept as events; long polls
+answer on a change or after their wait; the prober adds nothing to the console; and a
+service sees each check end with an orderly close."""
+import json
+import re
+import signal
+import socket
+import statistics
+import subprocess
+import threading
+import time
+
+import pytest
+
+from fake_peer import FakePeer, answer, silent
+from harness import (OK, SVCMGR, SVCMON, Sandbox, deadline, free_port, port_answers, register,
+                     wait_for)
+
+
+def reachability(daemon, query=""):
+    return json.loads(daemon.request("GET", f"{SVCMON}?method=get_reachability{query}",
+                                     timeout=70).body)
+
+
+def items(daemon):
+    return {item["name"]: item for item in reachability(daemon)["items"]}
+
+
+def events(daemon):
+    return json.loads(daemon.request("GET", SVCMON + "?method=get_events").body)
+
+
+@pytest.fixture
+def http_server():
+    """A real HTTP server in its own process, for SIGSTOP."""
+    port = free_port()
+    proc = subprocess.Popen(["python3", "-m", "http.server", "--bind", "127.0.0.1", str(port)],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    assert wait_for(lambda: port_answers(port), 10)
+    yield proc, port
+    proc.send_signal(signal.SIGCONT)
+    proc.kill()
+    proc.wait()
+
+
+def test_three_states_and_their_reply(sandbox, http_server):
+    proc, http_port = http_server
+    with FakePeer(answer(503)) as answering, FakePeer(silent) as hung:
+        daemon = sandbox.start("-m", "1").wait_ready()
+        for name, port in [("answering", answering.port), ("hung", hung.port),
+                           ("refused", free_port()), ("stopped", http_port)]:
+            assert register(daemon, name, port) == OK
+        assert register(daemon, "local", answering.port, ip="localhost") == OK
+        assert wait_for(lambda: items(daemon)["stopped"]["state"] == "up", 5)
+        proc.send_signal(signal.SIGSTOP)
+        stopped_at = time.monotonic()
+        assert wait_for(lambda: items(daemon)["stopped"]["state"] == "no answer", 5)
+        assert time.monotonic() - stopped_at < deadline(2 * 1 + 1)  # two periods and the reply
+        found = items(daemon)
+        assert [(found[n]["state"], found[n]["reachable"], found[n]["http_status"])
+                for n in ("answering", "local", "hung", "refused")] == [
+            ("up", True, 503), ("up", True, 503), ("no answer", False, None), ("down", False, None)]
+        assert found["refused"]["error"] == "connection refused"
+        assert found["answering"]["latency_ms"] > 0 and found["hung"]["latency_ms"] is None
+        assert answering.requests[-1] == "OPTIONS * HTTP/1.0"
+        reply = reachability(daemon)
+        assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
+        assert daemon.stop() == 0
+
+
+def test_latency_follows_the_service_not_the_names(sandbox):
+    with FakePeer(answer(200)) as peer:
+        daemon = sandbox.start("-m", "1").wait_ready()
+        names = [f"s{i:02d}" for i in range(40)]
+        for name in names:
+            assert register(daemon, name, peer.port) == OK
+        assert wait_for(lambda: all(i["checks"] >= 3 for i in items(daemon).values()), 10)
+        found = items(daemon)
+        first = statistics.median(found[n]["latency_ms"] for n in names[:10])
+        last = statistics.median(found[n]["latency_ms"] for n in names[-10:])
+        assert first <= 3 * last and last <= 3 * first, (first, last)
+        assert daemon.stop() == 0
+
+
+def test_outage_and_move_are_kept(sandbox):
+    port = free_port()
+    with FakePeer(answer(200), port=port):
+        daemon = sandbox.start("-m", "1").wait_ready()
+        assert register(daemon, "svc", port) == OK
+        assert wait_for(lambda: items(daemon)["svc"]["state"] == "up", 5)
+    time.sleep(3)  # the outage itself: the service is away for 3 s
+    with FakePeer(answer(200), port=port) as back:
+        assert wait_for(lambda: items(daemon)["svc"]["recent"].endswith("u")
+                        and "d" in items(daemon)["svc"]["recent"], 5)
+        changes = [(e["from"], e["to"]) for e in reversed(events(daemon)["items"])
+                   if e["name"] == "svc" and e["event"] == "state"]
+        assert changes[-2:] == [("up", "down"), ("down", "up")]
+        found = items(daemon)["svc"]
+        assert found["up_checks"] < found["checks"] and found["recent"].startswith("u")
+        with FakePeer(answer(200)) as moved:
+            assert register(daemon, "svc", moved.port) == OK
+            assert wait_for(lambda: any(e["event"] == "moved" for e in events(daemon)["items"]), 5)
+            kinds = [e["event"] for e in events(daemon)["items"] if e["name"] == "svc"]
+            assert kinds.count("moved") == 1 and kinds[-1] == "registered"
+            detail = [e["detail"] for e in events(daemon)["items"] if e["event"] == "moved"][0]
+            assert detail == f"127.0.0.1:{back.port} -> 127.0.0.1:{moved.port}"
+        assert events(daemon)["items"][-1]["event"] == "started"
+        assert daemon.stop() == 0
+
+
+def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
+    with FakePeer(answer(200)) as peer:
+        daemon = sandbox.start("-m", "1").wait_ready()
+        assert register(daemon, "svc", peer.port) == OK
+        assert wait_for(lambda: items(daemon)["svc"]["state"] == "up", 5)
+        index = reachability(daemon)["index"]
+        started = time.monotonic()
+        assert reachability(daemon, f"&index={index}&wait=1")["index"] == index
+        assert time.monotonic() - started >= 1
+        answered = {}
+
+        def poll():
+            answered["reply"] = reachability(daemon, f"&index={index}&wait=60")
+            answered["at"] = time.monotonic()
+        waiter = threading.Thread(target=poll)
+        waiter.start()
+        time.sleep(0.2)
+        assert waiter.is_alive()
+    went_down = time.monotonic()  # the peer is gone: the next round finds it down
+    waiter.join(deadline(10))
+    assert answered["reply"]["index"] > index
+    assert answered["reply"]["items"][0]["state"] == "down"
+    assert answered["at"] - went_down < deadline(1 + 1)  # within a period and the reply
+    # Shutdown answers a held request at once.
+    index = reachability(daemon)["index"]
+    waiter = threading.Thread(target=poll)
+    waiter.start()
+    time.sleep(0.2)
+    assert daemon.stop() == 0
+    waiter.join(deadline(5))
+    assert answered["reply"]["index"] == index
+
+
+def console_of_a_session(peer, wait_for_rounds):
+    sandbox = Sandbox(f"console-{wait_for_rounds}")
+    daemon = sandbox.start("-v", "2", "-m", "1").wait_ready()
+    for name in ("alpha", "beta"):
+        assert register(daemon, name, peer.port) == OK
+    daemon.request("GET", SVCMGR + "?method=get_info&name=alpha")
+    daemon.request("GET", SVCMON + "?method=get_health_status")
+    if wait_for_rounds:
+        count = len(peer.requests)
+        assert wait_for(lambda: len(peer.requests) >= count + 6, 10)  # three rounds
+    assert daemon.stop() == 0
+    text = re.sub(r"delete\(0x[0-9a-f]+\)", "delete(ADDRESS)", daemon.stderr_text())
+    lines = text.replace(str(daemon.port), "PORT").splitlines()
+    sandbox.cleanup()
+    return [line for line in lines if not line.startswith("execute_time")]
+
+
+def test_prober_writes_nothing_to_the_console():
+    with FakePeer(answer(200)) as peer:
+        busy = console_of_a_session(peer, True)
+        idle = console_of_a_session(peer, False)
+    assert busy == idle and len(busy) > 20
+
+
+def test_a_check_ends_with_an_orderly_close(sandbox):
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(8)
+    endings = []
+
+    def serve():
+        for _ in range(3):
+            conn, _ = listener.accept()
+            with conn:
+                conn.recv(1024)
+                conn.sendall(b"HTTP/1.0 404 Not Found\r\n")
+                try:
+                    endings.append(conn.recv(1024))  # the check's end: b"" (EOF)
+                except ConnectionResetError:
+                    endings.append("reset")
+    server = threading.Thread(target=serve, daemon=True)
+    server.start()
+    daemon = sandbox.start("-m", "1").wait_ready()
+    assert register(daemon, "svc", listener.getsockname()[1]) == OK
+    server.join(deadline(10))
+    assert endings == [b"", b"", b""]
+    assert items(daemon)["svc"]["http_status"] == 404
+    assert daemon.stop() == 0
+    listener.close()
