@@ -796,7 +796,7 @@ async function runAction(action) {
     note = action.method + " not sent: " + failure.message + ".";
   }
   pending.delete(action.method);
-  setText($("runs-note"), note);
+  setText($("action-note"), note);
   renderControls();
   kick(views[2]);
 }

@@ -224,13 +224,17 @@ def test_service_stopped_while_the_page_is_open_is_down_within_2_s_in_place(cons
         register(daemon, "svc_leaving", leaving.port)
         open_page(page, daemon)
         assert wait_for(lambda: page.js(ROWS)[2:] == [["svc_leaving", "up"], ["svc_up", "up"]], 10)
-        page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus()")
+        page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
+                "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
     began = time.monotonic()
     assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 10), page.js(ROWS)
     took = time.monotonic() - began
-    # The row moved among the problems; the others kept their nodes and the focus.
+    # The row moved among the problems; the others kept their nodes, the
+    # focus and the selection.
     assert page.js("document.activeElement === upRow.querySelector('button.name') && "
                    f"upRow === {LAST_ROW}")
+    assert page.js("getSelection().toString()") == \
+        page.js("upRow.querySelector('td.address').textContent")
     assert took <= deadline(2), f"shown down after {took:.1f} s"
 
 
