@@ -1,22 +1,23 @@
 #!/usr/bin/env python3
 """Benchmark of the reachability prober, printed as figures (never asserted).
 
-With 1000 registered services (half on closed ports, 50 on a silent port
-whose accept queue is full, the rest on ports that accept) and -m 1:
-- the duration of the prober's full rounds (its DEBUG lines) against the
-  period, and the rounds that overran (its WARN lines);
-- the daemon's CPU use while nobody asks it anything, in % of one core;
-- get_info throughput of that daemon against the same daemon whose prober
-  is quiet (-m 3600: one round at start, then asleep) and against the bare
-  anchor (bench/anchor_server.c) serving the same bytes, interleaved round by
-  round; the daemon not being measured is held with SIGSTOP meanwhile.
+- Idle CPU of the daemon while nobody asks it anything, in % of one core, at
+  the default -m 10 with 20 services and at -m 1 with 1000 (half on closed
+  ports, 50 on a silent port whose accept queue is full, the rest on ports
+  that answer HTTP), for this build and, with --before DIR, another build's
+  daemon, measured in turns (before, after, before, after...).
+- With --throughput: get_info throughput of the daemon with 1000 services at
+  -m 1 against the same daemon whose prober is quiet (-m 3600: one round at
+  start, then asleep) and against the bare anchor (bench/anchor_server.c)
+  serving the same bytes, interleaved round by round; the daemon not being
+  measured is held with SIGSTOP meanwhile.
 
-usage: bench/prober_bench.py [--build DIR] [--seconds S] [--rounds N] [--idle S]
-Needs wrk, and root for the sandbox.
+usage: bench/prober_bench.py [--build DIR] [--before DIR] [--idle S] [--turns N]
+                             [--throughput [--seconds S] [--rounds N]]
+Needs wrk (for --throughput), and root for the sandbox.
 """
 import argparse
 import os
-import re
 import selectors
 import signal
 import socket
@@ -31,11 +32,13 @@ CLOSED = 500
 SILENT = 50
 ACCEPTING_PORTS = 10
 GET_INFO = "/managerService/svcmgr?method=get_info&name=svc0000"
-ROUND_LINE = re.compile(r"prober round: (\d+) services in (\d+) ms")
+IDLE_CASES = ((10, 20), (1, SERVICES))  # (period in seconds, services)
+ANSWER = b"HTTP/1.0 404 Not Found\r\nContent-Length: 0\r\n\r\n"
 
 
 class Peers:
-    """Listening ports that accept and close at once, and one silent port."""
+    """Listening ports that answer any request with a 404 and close, and one
+    silent port."""
 
     def __init__(self):
         self.selector = selectors.DefaultSelector()
@@ -58,15 +61,34 @@ class Peers:
     def _serve(self):
         while self.running:
             for key, _ in self.selector.select(0.2):
-                try:
-                    key.fileobj.accept()[0].close()
-                except BlockingIOError:
-                    pass
+                if key.fileobj in self.accepting:
+                    self._accept(key.fileobj)
+                else:
+                    self._answer(key.fileobj)
 
-    def registry_text(self):
+    def _accept(self, server):
+        try:
+            conn = server.accept()[0]
+        except BlockingIOError:
+            return
+        conn.setblocking(False)
+        self.selector.register(conn, selectors.EVENT_READ)
+
+    def _answer(self, conn):
+        self.selector.unregister(conn)
+        try:
+            if conn.recv(4096):
+                conn.send(ANSWER)
+        except OSError:
+            pass
+        conn.close()
+
+    def registry_text(self, services=SERVICES):
         from harness import free_port
         lines = []
-        for index in range(SERVICES):
+        for index in range(services):
+            if services < SERVICES:
+                index = CLOSED + SILENT + index  # all on answering ports
             if index < CLOSED:
                 port = free_port()
             elif index < CLOSED + SILENT:
@@ -96,21 +118,33 @@ def start_daemon(new_sandbox, registry, *args):
     return box.start("-t", "10", *args).wait_ready()
 
 
-def idle_figures(new_sandbox, registry, idle_seconds):
-    daemon = start_daemon(new_sandbox, registry, "-m", "1", "-v", "2")
-    time.sleep(3)  # the first rounds and the start-up settle
-    skip = len(daemon.stderr_text())
+def idle_cpu(new_sandbox, binary, registry, period, idle_seconds):
+    """% of one core that the daemon used over idle_seconds, once settled."""
+    os.environ["MANAGER_SVC_BIN"] = binary
+    daemon = start_daemon(new_sandbox, registry, "-m", str(period))
+    time.sleep(3)  # the first round and the start-up settle
     began, cpu = time.monotonic(), cpu_seconds(daemon.pid)
     time.sleep(idle_seconds)
     used = (cpu_seconds(daemon.pid) - cpu) / (time.monotonic() - began)
-    log = daemon.stderr_text()[skip:]
-    rounds = [int(ms) for count, ms in ROUND_LINE.findall(log) if int(count) == SERVICES]
-    overruns = log.count("longer than the period")
     daemon.stop()
-    print(f"prober rounds of {SERVICES} services, period 1000 ms: {len(rounds)} rounds in "
-          f"{idle_seconds} s, median {statistics.median(rounds)} ms, max {max(rounds)} ms, "
-          f"{overruns} over the period")
-    print(f"idle CPU with the prober at -m 1: {used * 100:.2f} % of one core")
+    return used * 100
+
+
+def idle_figures(new_sandbox, peers, args):
+    builds = {"after": os.path.join(args.build, "manager_svc")}
+    if args.before:
+        builds = {"before": os.path.join(args.before, "manager_svc"), **builds}
+    for period, services in IDLE_CASES:
+        registry = peers.registry_text(services)
+        figures = {name: [] for name in builds}
+        for _ in range(args.turns):
+            for name, binary in builds.items():
+                figures[name].append(idle_cpu(new_sandbox, binary, registry, period, args.idle))
+        print(f"idle CPU, -m {period}, {services} services, {args.idle} s x {args.turns}: " +
+              "   ".join(f"{name} {statistics.median(values):.2f} % of one core "
+                         f"({' '.join(f'{v:.2f}' for v in values)})"
+                         for name, values in figures.items()))
+    os.environ["MANAGER_SVC_BIN"] = builds["after"]
 
 
 def throughput(new_sandbox, registry, args):
@@ -151,13 +185,16 @@ def main():
     parser.add_argument("--seconds", type=int, default=5)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--idle", type=int, default=20)
+    parser.add_argument("--turns", type=int, default=2)
+    parser.add_argument("--before", help="another build directory, measured in turns")
+    parser.add_argument("--throughput", action="store_true")
     args = parse_args(parser)
     peers = Peers()
     try:
         with Sandboxes("prober-bench") as sandboxes:
-            registry = peers.registry_text()
-            idle_figures(sandboxes.new, registry, args.idle)
-            throughput(sandboxes.new, registry, args)
+            idle_figures(sandboxes.new, peers, args)
+            if args.throughput:
+                throughput(sandboxes.new, peers.registry_text(), args)
     finally:
         peers.close()
 

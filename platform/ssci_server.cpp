@@ -25,8 +25,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "platform/common_http_resource.h"
 #include "platform/connection_guard.h"
@@ -43,6 +46,10 @@ using httpserver::http::http_utils;
 constexpr int MAX_PORT = 65535;
 // A connection that sends or accepts nothing for this long is dropped.
 constexpr unsigned CONNECTION_IDLE_SECONDS = 10;
+// At stop, how long the answers of held and relayed requests, resumed
+// just before, are given to leave before the connections are closed.
+constexpr auto RESUMED_FLUSH_LIMIT = std::chrono::seconds(1);
+constexpr auto RESUMED_FLUSH_STEP = std::chrono::milliseconds(5);
 // Open connections at once, over all listener threads, when the descriptor
 // limit allows; the limit is raised towards what this needs at start.
 constexpr unsigned WANTED_CONNECTIONS = 4096;
@@ -93,6 +100,8 @@ struct {
     int size_limit = 0;
 } debug_log;
 server_state g_server;      // guarded by lifecycle_lock
+// Requests resumed with their answer and not yet complete.
+std::atomic<unsigned> resumed_answers{0};
 
 // What one request has gathered between libmicrohttpd's calls; made on
 // the first call, freed when the request is complete.
@@ -254,6 +263,7 @@ private:
     void answer(http_handler handler) {
         state->response = reply_of(handler, request);
         state->relay_answered = true;
+        resumed_answers.fetch_add(1);
         MHD_resume_connection(connection);
     }
 
@@ -346,6 +356,7 @@ void on_completed(void*, MHD_Connection* connection, void** con_cls, MHD_Request
     auto* state = static_cast<request_state*>(*con_cls);
     if (state != nullptr) {
         connection_guard_request_done(state->guarded);
+        resumed_answers.fetch_sub(state->relay_answered ? 1 : 0);
         const MHD_ConnectionInfo* answered =
             MHD_get_connection_info(connection, MHD_CONNECTION_INFO_HTTP_STATUS);
         if (answered != nullptr) {
@@ -502,7 +513,8 @@ long long ssci_server_start() {
 // the daemon leaves it open: the server may start again, and destory
 // closes it. Held requests are answered at once. Relays in flight end
 // within their own time limits; those still waiting for a worker are
-// answered as failed at once. No connection is
+// answered as failed at once. The answers just resumed get a moment to
+// leave before the connections close. No connection is
 // suspended once the pool has stopped, as libmicrohttpd requires.
 long long ssci_server_stop() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
@@ -514,6 +526,10 @@ long long ssci_server_stop() {
     }
     held_requests_stop();
     relay_pool_stop();
+    const auto flush_end = std::chrono::steady_clock::now() + RESUMED_FLUSH_LIMIT;
+    while (resumed_answers.load() != 0 && std::chrono::steady_clock::now() < flush_end) {
+        std::this_thread::sleep_for(RESUMED_FLUSH_STEP);
+    }
     connection_guard_stop();
     MHD_stop_daemon(g_server.daemon);
     g_server.daemon = nullptr;

@@ -85,3 +85,14 @@ def test_output_kept_and_scripts_start_with_the_default_oom_score(sandbox):
     run = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["items"][0]
     assert run["output"] == "x" * (4096 - 2) + "0\n" and run["error"] is None
     assert daemon.stop() == 0
+
+
+def test_a_burst_of_starts_all_run(sandbox):
+    sandbox.write(SCRIPTS[0], "#!/bin/sh\nexit 0\n", mode=0o755)
+    daemon = sandbox.start().wait_ready()
+    for _ in range(300):
+        assert post(daemon, '{"method": "start"}') == OK
+    counted = 'manager_svc_control_runs_total{method="start",outcome="succeeded"} 300\n'
+    assert wait_for(lambda: counted in daemon.request("GET", "/managerService/metrics").body.decode(),
+                    30)
+    assert daemon.stop() == 0

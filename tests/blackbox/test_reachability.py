@@ -1,7 +1,6 @@
 """Reachability as an operator sees it: hung and stopped services are "no answer",
 refused ports "down", answering ones "up" with their status; latency belongs to the
-service, not to the names' order; outages and moves are kept as events; long polls
-answer on a change or after their wait; the prober adds nothing to the console; and a
+service, not to the names' order; outages and moves are kept as events; the prober adds nothing to the console; and a
 service sees each check end with an orderly close."""
 import json
 import re
@@ -108,39 +107,6 @@ def test_outage_and_move_are_kept(sandbox):
             assert detail == f"127.0.0.1:{back.port} -> 127.0.0.1:{moved.port}"
         assert events(daemon)["items"][-1]["event"] == "started"
         assert daemon.stop() == 0
-
-
-def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
-    with FakePeer(answer(200)) as peer:
-        daemon = sandbox.start("-m", "1").wait_ready()
-        assert register(daemon, "svc", peer.port) == OK
-        assert wait_for(lambda: items(daemon)["svc"]["state"] == "up", 5)
-        index = reachability(daemon)["index"]
-        started = time.monotonic()
-        assert reachability(daemon, f"&index={index}&wait=1")["index"] == index
-        assert time.monotonic() - started >= 1
-        answered = {}
-
-        def poll():
-            answered["reply"] = reachability(daemon, f"&index={index}&wait=60")
-            answered["at"] = time.monotonic()
-        waiter = threading.Thread(target=poll)
-        waiter.start()
-        time.sleep(0.2)
-        assert waiter.is_alive()
-    went_down = time.monotonic()  # the peer is gone: the next round finds it down
-    waiter.join(deadline(10))
-    assert answered["reply"]["index"] > index
-    assert answered["reply"]["items"][0]["state"] == "down"
-    assert answered["at"] - went_down < deadline(1 + 1)  # within a period and the reply
-    # Shutdown answers a held request at once.
-    index = reachability(daemon)["index"]
-    waiter = threading.Thread(target=poll)
-    waiter.start()
-    time.sleep(0.2)
-    assert daemon.stop() == 0
-    waiter.join(deadline(5))
-    assert answered["reply"]["index"] == index
 
 
 def console_of_a_session(peer, wait_for_rounds):
