@@ -238,7 +238,7 @@ def test_service_stopped_while_the_page_is_open_is_down_within_2_s_in_place(cons
     assert took <= deadline(2), f"shown down after {took:.1f} s"
 
 
-def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
+def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox, capsys):
     with FakePeer(answer(200)) as up, FakePeer(silent) as hung, Browser(390, 844, True) as page:
         daemon = start_daemon(sandbox, "-m", "2")
         # Of every 22 services one is hung, six are down (a closed port), 15 up.
@@ -254,7 +254,8 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
         assert wait_for(problems_first, 20), page.js(ROWS)
         assert page.js("document.getElementById('count').textContent") == "60 down, 10 no answer"
         height = page.js("document.documentElement.scrollHeight")
-        print(f"phone page height with 220 services: {height} px")
+        with capsys.disabled():
+            print(f"\nphone page height with 220 services: {height} px")
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
         # A few checks in every strip, and one screen of each state.
