@@ -1,9 +1,12 @@
 """A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`)
-says, one thread per connection, and notes the request heads; stops with its with-block."""
+says, one thread per connection, and notes the request heads (the daemon's reachability
+checks apart, in `checks`); stops with its with-block."""
 import socketserver
 import threading
 
 from harness import wait_for
+
+CHECK_LINE = "OPTIONS * HTTP/1.0"
 
 
 def answer(status, body=b"", content_type="application/json"):
@@ -22,6 +25,7 @@ class FakePeer(socketserver.ThreadingTCPServer):
 
     def __init__(self, behaviour, port=0):
         self.behaviour, self.requests, self.stopping = behaviour, [], threading.Event()
+        self.checks = []
         super().__init__(("127.0.0.1", port), PeerConnection)
         self.port = self.server_address[1]
 
@@ -47,7 +51,9 @@ class PeerConnection(socketserver.BaseRequestHandler):
                 if not chunk:
                     return
                 data += chunk
-            self.server.requests.append(data.partition(b"\r\n\r\n")[0].decode("latin-1"))
+            head = data.partition(b"\r\n\r\n")[0].decode("latin-1")
+            is_check = head.startswith(CHECK_LINE)
+            (self.server.checks if is_check else self.server.requests).append(head)
             self.server.behaviour(self.server, self.request)
         except OSError:  # a client that went away mid-request
             pass

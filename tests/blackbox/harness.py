@@ -4,6 +4,7 @@ the sandbox's upper directory, where the test reads it or puts what it should fi
 import collections
 import contextlib
 import http.client
+import json
 import os
 import resource
 import shutil
@@ -179,3 +180,13 @@ def device_path_of(daemon, device_path):
 def register(daemon, name, port=80, ip="127.0.0.1"):
     body = f'{{"method": "register", "name": "{name}", "ip": "{ip}", "port": {port}}}'
     return daemon.request("POST", SVCMGR, body).body
+
+
+def reachability(daemon, query=""):
+    """The get_reachability reply (query: more arguments, "&index=...")."""
+    reply = daemon.request("GET", f"{SVCMON}?method=get_reachability{query}", timeout=70)
+    return json.loads(reply.body)
+
+
+def reachability_items(daemon):
+    return {item["name"]: item for item in reachability(daemon)["items"]}

@@ -8,25 +8,16 @@ import threading
 import time
 
 from fake_peer import FakePeer, answer
-from harness import OK, SVCMON, deadline, register, wait_for
+from harness import OK, SVCMON, deadline, reachability, reachability_items, register, wait_for
 
 HELD_MAX = 256
-
-
-def reachability(daemon, query=""):
-    return json.loads(daemon.request("GET", f"{SVCMON}?method=get_reachability{query}",
-                                     timeout=70).body)
-
-
-def items(daemon):
-    return {item["name"]: item for item in reachability(daemon)["items"]}
 
 
 def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
     with FakePeer(answer(200)) as peer:
         daemon = sandbox.start("-m", "1").wait_ready()
         assert register(daemon, "svc", peer.port) == OK
-        assert wait_for(lambda: items(daemon)["svc"]["state"] == "up", 5)
+        assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "up", 5)
         index = reachability(daemon)["index"]
         started = time.monotonic()
         assert reachability(daemon, f"&index={index}&wait=1")["index"] == index

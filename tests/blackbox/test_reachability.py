@@ -14,17 +14,8 @@ import time
 import pytest
 
 from fake_peer import FakePeer, answer, silent
-from harness import (OK, SVCMGR, SVCMON, Sandbox, deadline, free_port, port_answers, register,
-                     wait_for)
-
-
-def reachability(daemon, query=""):
-    return json.loads(daemon.request("GET", f"{SVCMON}?method=get_reachability{query}",
-                                     timeout=70).body)
-
-
-def items(daemon):
-    return {item["name"]: item for item in reachability(daemon)["items"]}
+from harness import (OK, SVCMGR, SVCMON, Sandbox, deadline, free_port, port_answers, reachability,
+                     reachability_items, register, wait_for)
 
 
 def events(daemon):
@@ -52,18 +43,18 @@ def test_three_states_and_their_reply(sandbox, http_server):
                            ("refused", free_port()), ("stopped", http_port)]:
             assert register(daemon, name, port) == OK
         assert register(daemon, "local", answering.port, ip="localhost") == OK
-        assert wait_for(lambda: items(daemon)["stopped"]["state"] == "up", 5)
+        assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "up", 5)
         proc.send_signal(signal.SIGSTOP)
         stopped_at = time.monotonic()
-        assert wait_for(lambda: items(daemon)["stopped"]["state"] == "no answer", 5)
+        assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "no answer", 5)
         assert time.monotonic() - stopped_at < deadline(2 * 1 + 1)  # two periods and the reply
-        found = items(daemon)
+        found = reachability_items(daemon)
         assert [(found[n]["state"], found[n]["reachable"], found[n]["http_status"])
                 for n in ("answering", "local", "hung", "refused")] == [
             ("up", True, 503), ("up", True, 503), ("no answer", False, None), ("down", False, None)]
         assert found["refused"]["error"] == "connection refused"
         assert found["answering"]["latency_ms"] > 0 and found["hung"]["latency_ms"] is None
-        assert answering.requests[-1] == "OPTIONS * HTTP/1.0"
+        assert answering.checks[-1] == "OPTIONS * HTTP/1.0" and answering.requests == []
         reply = reachability(daemon)
         assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
         assert daemon.stop() == 0
@@ -75,8 +66,9 @@ def test_latency_follows_the_service_not_the_names(sandbox):
         names = [f"s{i:02d}" for i in range(40)]
         for name in names:
             assert register(daemon, name, peer.port) == OK
-        assert wait_for(lambda: all(i["checks"] >= 3 for i in items(daemon).values()), 10)
-        found = items(daemon)
+        assert wait_for(lambda: all(i["checks"] >= 3
+                                    for i in reachability_items(daemon).values()), 10)
+        found = reachability_items(daemon)
         first = statistics.median(found[n]["latency_ms"] for n in names[:10])
         last = statistics.median(found[n]["latency_ms"] for n in names[-10:])
         assert first <= 3 * last and last <= 3 * first, (first, last)
@@ -88,15 +80,15 @@ def test_outage_and_move_are_kept(sandbox):
     with FakePeer(answer(200), port=port):
         daemon = sandbox.start("-m", "1").wait_ready()
         assert register(daemon, "svc", port) == OK
-        assert wait_for(lambda: items(daemon)["svc"]["state"] == "up", 5)
+        assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "up", 5)
     time.sleep(3)  # the outage itself: the service is away for 3 s
     with FakePeer(answer(200), port=port) as back:
-        assert wait_for(lambda: items(daemon)["svc"]["recent"].endswith("u")
-                        and "d" in items(daemon)["svc"]["recent"], 5)
+        assert wait_for(lambda: reachability_items(daemon)["svc"]["recent"].endswith("u")
+                        and "d" in reachability_items(daemon)["svc"]["recent"], 5)
         changes = [(e["from"], e["to"]) for e in reversed(events(daemon)["items"])
                    if e["name"] == "svc" and e["event"] == "state"]
         assert changes[-2:] == [("up", "down"), ("down", "up")]
-        found = items(daemon)["svc"]
+        found = reachability_items(daemon)["svc"]
         assert found["up_checks"] < found["checks"] and found["recent"].startswith("u")
         with FakePeer(answer(200)) as moved:
             assert register(daemon, "svc", moved.port) == OK
@@ -117,8 +109,8 @@ def console_of_a_session(peer, wait_for_rounds):
     daemon.request("GET", SVCMGR + "?method=get_info&name=alpha")
     daemon.request("GET", SVCMON + "?method=get_health_status")
     if wait_for_rounds:
-        count = len(peer.requests)
-        assert wait_for(lambda: len(peer.requests) >= count + 6, 10)  # three rounds
+        count = len(peer.checks)
+        assert wait_for(lambda: len(peer.checks) >= count + 3, 10)  # three rounds
     assert daemon.stop() == 0
     text = re.sub(r"delete\(0x[0-9a-f]+\)", "delete(ADDRESS)", daemon.stderr_text())
     lines = text.replace(str(daemon.port), "PORT").splitlines()
@@ -155,6 +147,6 @@ def test_a_check_ends_with_an_orderly_close(sandbox):
     assert register(daemon, "svc", listener.getsockname()[1]) == OK
     server.join(deadline(10))
     assert endings == [b"", b"", b""]
-    assert items(daemon)["svc"]["http_status"] == 404
+    assert reachability_items(daemon)["svc"]["http_status"] == 404
     assert daemon.stop() == 0
     listener.close()
