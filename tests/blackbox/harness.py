@@ -119,10 +119,11 @@ class Sandbox:
         return subprocess.run(self.command(args), stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=deadline(timeout))
 
-    def start(self, *args, add_port=True, nofile=None):
-        """Starts the daemon with "-p PORT" (a free port) and args; `nofile`
-        is its (soft, hard) descriptor limit."""
-        self.daemons.append(Daemon(self, args, free_port() if add_port else None, nofile))
+    def start(self, *args, add_port=True, nofile=None, port=None):
+        """Starts the daemon with "-p PORT" (`port`, else a free port) and args;
+        `nofile` is its (soft, hard) descriptor limit."""
+        port = port or (free_port() if add_port else None)
+        self.daemons.append(Daemon(self, args, port, nofile))
         return self.daemons[-1]
 
     def cleanup(self):
