@@ -1,7 +1,9 @@
 // http_probe.cpp - parallel HTTP-level checks with one poll loop.
 // A check goes connecting -> awaiting its status line -> draining: after
 // the status line it reads (and throws away) what follows until the service
-// closes, so the daemon's close comes second and is an orderly one. Every
+// closes, so the daemon's close comes second and is an orderly one. Each
+// result is handed over when it is known: a hung service's check does not
+// hold back the others' results. Every
 // socket is non-blocking and close-on-exec (an init script started meanwhile
 // never inherits one). No globals, no lock.
 #include "monitor/http_probe.h"
@@ -288,18 +290,25 @@ int poll_timeout_ms(const std::vector<check>& flight, long long now_us) {
 }
 
 // Moves every check that poll reported or whose time is up; the finished
-// ones leave the flight. fds[i] belongs to flight[i].
+// ones leave the flight. A check's result is known once it leaves the
+// connecting or awaiting phase (ended, or draining on): it goes to `done`
+// then, and only then. fds[i] belongs to flight[i].
 void settle(std::vector<check>& flight, const std::vector<pollfd>& fds,
-            std::vector<probe_result>& results) {
+            std::vector<probe_result>& results, const probe_done& done) {
     long long now = monotonic_us();
     for (std::size_t i = flight.size(); i-- > 0;) {
-        probe_result& result = results[flight[i].index];
+        check& at = flight[i];
+        probe_result& result = results[at.index];
+        const bool reported = at.phase == check_phase::draining;
         bool going_on = true;
         if (fds[i].revents != 0) {
-            going_on = on_event(flight[i], fds[i].revents, result);
-        } else if (now >= flight[i].deadline_us) {
-            on_deadline(flight[i], result);
+            going_on = on_event(at, fds[i].revents, result);
+        } else if (now >= at.deadline_us) {
+            on_deadline(at, result);
             going_on = false;
+        }
+        if (!reported && (!going_on || at.phase == check_phase::draining)) {
+            done(at.index, result);
         }
         if (!going_on) {
             flight[i] = flight.back();
@@ -317,8 +326,8 @@ void close_all(const std::vector<check>& flight) {
 }  // namespace
 
 bool probe_targets(const std::vector<probe_target>& targets, int timeout_ms, int stop_fd,
-                   std::vector<probe_result>& results) {
-    results.assign(targets.size(), probe_result());
+                   const probe_done& done) {
+    std::vector<probe_result> results(targets.size());
     std::vector<check> flight;
     std::vector<pollfd> fds;
     std::size_t next = 0;
@@ -327,6 +336,8 @@ bool probe_targets(const std::vector<probe_target>& targets, int timeout_ms, int
             check started;
             if (start_check(targets[next], next, timeout_ms, results[next], &started)) {
                 flight.push_back(started);
+            } else {
+                done(next, results[next]);
             }
             ++next;
         }
@@ -346,6 +357,6 @@ bool probe_targets(const std::vector<probe_target>& targets, int timeout_ms, int
             close_all(flight);
             return false;
         }
-        settle(flight, fds, results);
+        settle(flight, fds, results, done);
     }
 }

@@ -4,7 +4,8 @@
 // reads on to the end (bounded) so that the service closes first: the
 // check leaves neither a reset nor a TIME_WAIT socket on the daemon's side.
 // All targets of one call are checked in parallel with non-blocking sockets
-// and one poll loop, at most PROBE_IN_FLIGHT at a time.
+// and one poll loop, at most PROBE_IN_FLIGHT at a time; each result is
+// handed to the caller as soon as it is known, not when the last check ends.
 // No name is ever resolved: numeric IPv4/IPv6 addresses, and "localhost"
 // (or "localhost.") as 127.0.0.1. No globals: calls on different threads
 // do not meet.
@@ -12,6 +13,7 @@
 #define MANAGER_SVC_HTTP_PROBE_H
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -46,11 +48,15 @@ struct probe_result {
     const char* error = "";  // static text, "" when up
 };
 
-// Checks every target, each within timeout_ms from its own connect;
-// results[i] belongs to targets[i]. Returns false, with the results
-// incomplete, as soon as `stop_fd` becomes readable (-1: never); true when
-// every target has its result.
+// Called on the checking thread, once per target, as soon as the result
+// of targets[index] is known (an up check may still be draining then).
+using probe_done = std::function<void(std::size_t index, const probe_result& result)>;
+
+// Checks every target, each within timeout_ms from its own connect, and
+// hands each result to `done`. Returns false as soon as `stop_fd` becomes
+// readable (-1: never), with the targets still in flight unreported; true
+// when every target's result has been handed over.
 bool probe_targets(const std::vector<probe_target>& targets, int timeout_ms, int stop_fd,
-                   std::vector<probe_result>& results);
+                   const probe_done& done);
 
 #endif

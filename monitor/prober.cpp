@@ -3,7 +3,10 @@
 // stops it; listener threads (and the metrics) read the findings.
 // reach_lock guards reach_map and listing_count. It is held only to copy
 // or merge findings: never across a check, never while the registry lock
-// is taken (the registry is listed first, then reach_lock is taken).
+// is taken (the registry is listed first, then reach_lock is taken). A
+// check's result is merged as soon as that check ends (from inside
+// probe_targets' poll loop, between waits), so a service that goes down is
+// seen at once even while a hung service's check of the same round runs on.
 // prober_period_seconds (atomic: listener threads read it), the wake-up
 // pipe, the thread object and last_overrun_log_ms are written by the main
 // thread only while no prober thread runs, or by the prober thread alone.
@@ -180,18 +183,19 @@ bool note_result(reach_finding& known, const probe_result& result, time_t now) {
     return view_changed;
 }
 
-// Stores the results of services still registered at the address checked;
-// results[job_target[i]] belongs to jobs[i].
-void record(const std::vector<probe_job>& jobs, const std::vector<std::size_t>& job_target,
-            const std::vector<probe_result>& results) {
+// Stores one check's result for the services still registered at the
+// address checked: `checked` are the jobs of that address. Called as soon
+// as the check ends, so a hung service's check holds back no other result.
+void record(const std::vector<probe_job>& jobs, const std::vector<std::size_t>& checked,
+            const probe_result& result) {
     const time_t now = time(nullptr);
     bool changed = false;
     std::lock_guard<std::mutex> hold(reach_lock);
-    for (std::size_t i = 0; i < jobs.size(); ++i) {
-        auto found = reach_map.find(jobs[i].name);
-        if (found != reach_map.end() && found->second.found.ip == jobs[i].target.ip &&
-            found->second.found.port == jobs[i].target.port) {
-            changed = note_result(found->second.found, results[job_target[i]], now) || changed;
+    for (std::size_t job : checked) {
+        auto found = reach_map.find(jobs[job].name);
+        if (found != reach_map.end() && found->second.found.ip == jobs[job].target.ip &&
+            found->second.found.port == jobs[job].target.port) {
+            changed = note_result(found->second.found, result, now) || changed;
         }
     }
     if (changed) {
@@ -227,36 +231,40 @@ void note_overrun(std::size_t services, long long elapsed_ms) {
 
 // The distinct addresses of the jobs: a service registered under several
 // names is checked once per round, and every name gets that result (its
-// latency is the service's, whatever the names' order). job_target[i] is
-// the target of jobs[i].
+// latency is the service's, whatever the names' order). target_jobs[t]
+// lists the jobs at targets[t].
 std::vector<probe_target> distinct_targets(const std::vector<probe_job>& jobs,
-                                           std::vector<std::size_t>& job_target) {
+                                           std::vector<std::vector<std::size_t>>& target_jobs) {
     std::vector<probe_target> targets;
     std::map<std::pair<std::string, int>, std::size_t> seen;
-    for (const probe_job& job : jobs) {
-        auto found = seen.emplace(std::make_pair(job.target.ip, job.target.port), targets.size());
+    for (std::size_t job = 0; job < jobs.size(); ++job) {
+        const probe_target& target = jobs[job].target;
+        auto found = seen.emplace(std::make_pair(target.ip, target.port), targets.size());
         if (found.second) {
-            targets.push_back(job.target);
+            targets.push_back(target);
+            target_jobs.emplace_back();
         }
-        job_target.push_back(found.first->second);
+        target_jobs[found.first->second].push_back(job);
     }
     return targets;
 }
 
-// One round over the registry; false when the prober is to stop.
+// One round over the registry; false when the prober is to stop. Each
+// check's result is recorded as it comes in.
 bool run_round(bool only_unchecked) {
     const long long started = monotonic_ms();
     svc_info_entry_list entries;
     svc_info_list(entries);
     std::vector<probe_job> jobs = reconcile(entries, only_unchecked);
     svc_info_list_free(entries);
-    std::vector<std::size_t> job_target;
-    std::vector<probe_target> targets = distinct_targets(jobs, job_target);
-    std::vector<probe_result> results;
-    if (!probe_targets(targets, check_timeout_ms(), wake_pipe[0], results)) {
+    std::vector<std::vector<std::size_t>> target_jobs;
+    std::vector<probe_target> targets = distinct_targets(jobs, target_jobs);
+    auto done = [&jobs, &target_jobs](std::size_t target, const probe_result& result) {
+        record(jobs, target_jobs[target], result);
+    };
+    if (!probe_targets(targets, check_timeout_ms(), wake_pipe[0], done)) {
         return false;
     }
-    record(jobs, job_target, results);
     if (!only_unchecked) {
         note_overrun(jobs.size(), monotonic_ms() - started);
     }

@@ -102,6 +102,33 @@ def test_outage_and_move_are_kept(sandbox):
         assert daemon.stop() == 0
 
 
+def test_a_hung_check_holds_back_no_other_result(sandbox):
+    """Each check's result counts when that check ends: a service that stops is seen
+    down (and wakes a long poll) while the hung service's check of the same round,
+    which only its 2 s limit ends, still runs; the hung result comes ~2 s later in the
+    round, so at a 4 s period the stopped service's `checked` is a second or more
+    later than the hung one's last."""
+    with FakePeer(silent) as hung:
+        daemon = sandbox.start("-m", "4").wait_ready()
+        assert register(daemon, "hung", hung.port) == OK
+        with FakePeer(answer(200)) as going:
+            assert register(daemon, "going", going.port) == OK
+            assert wait_for(lambda: all(i["checks"] >= 2 for i in
+                                        reachability_items(daemon).values()), 15)
+            index = reachability(daemon)["index"]
+        first_seen = None
+        for _ in range(3):  # a check caught mid-stop may say "no answer" first
+            reply = reachability(daemon, f"&index={index}&wait=30")
+            index, items = reply["index"], {i["name"]: i for i in reply["items"]}
+            if items["going"]["state"] == "down":
+                first_seen = items
+                break
+        assert first_seen, items
+        assert first_seen["hung"]["state"] == "no answer"
+        assert first_seen["going"]["checked"] > first_seen["hung"]["checked"], first_seen
+        assert daemon.stop() == 0
+
+
 def console_of_a_session(peer, wait_for_rounds):
     sandbox = Sandbox(f"console-{wait_for_rounds}")
     daemon = sandbox.start("-v", "2", "-m", "1").wait_ready()

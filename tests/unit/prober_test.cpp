@@ -1,5 +1,6 @@
 // prober_test.cpp - reachability: the HTTP-level checks against loopback
-// peers (every outcome, "localhost", the stop descriptor), and the
+// peers (every outcome, each result handed over once and as soon as it is
+// known, "localhost", the stop descriptor), and the
 // prober's reply and findings (counts, recent results, events).
 // Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
@@ -10,6 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -77,8 +79,19 @@ TEST(ProbeTargets, EveryOutcomeOfAnHttpCheck) {
         "down 0 connection refused", "down 0 not a numeric address", "down 0 not a numeric address",
         "down 0 invalid port", "down 0 invalid port",
     };
-    std::vector<probe_result> results;
-    ASSERT_TRUE(probe_targets(targets, 300, -1, results));
+    // Each result is handed over once, as soon as it is known: the hung
+    // service's, which only its time limit ends, comes last.
+    std::vector<probe_result> results(targets.size());
+    std::vector<std::size_t> order;
+    const probe_done note = [&](std::size_t index, const probe_result& result) {
+        results.at(index) = result;
+        order.push_back(index);
+    };
+    ASSERT_TRUE(probe_targets(targets, 300, -1, note));
+    ASSERT_EQ(targets.size(), order.size());
+    EXPECT_EQ(5u, order.back());
+    std::sort(order.begin(), order.end());
+    EXPECT_EQ(targets.size(), std::unique(order.begin(), order.end()) - order.begin());
     for (std::size_t i = 0; i < targets.size(); ++i) {
         EXPECT_EQ(expected[i], std::string(probe_state_name(results[i].state)) + " " +
                                    std::to_string(results[i].http_status) + " " + results[i].error)
@@ -88,7 +101,9 @@ TEST(ProbeTargets, EveryOutcomeOfAnHttpCheck) {
     int wake[2];
     ASSERT_EQ(0, pipe(wake));
     ASSERT_EQ(1, write(wake[1], "x", 1));
-    EXPECT_FALSE(probe_targets({{"127.0.0.1", hung.port}}, 3600 * 1000, wake[0], results));
+    order.clear();
+    EXPECT_FALSE(probe_targets({{"127.0.0.1", hung.port}}, 3600 * 1000, wake[0], note));
+    EXPECT_TRUE(order.empty());
     close(wake[0]), close(wake[1]);
 }
 
