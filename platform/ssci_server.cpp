@@ -72,6 +72,11 @@ constexpr intptr_t CONNECTION_BUFFER_BYTES = 8 * 1024 - 32;
 // to the system when freed: each connection's buffer above all, so a flood
 // leaves no heap behind once its connections are closed.
 constexpr int OWN_MAPPING_FROM_BYTES = CONNECTION_BUFFER_BYTES;
+// The heaps that threads allocate from besides the main one: what glibc
+// gives a one-core 32-bit device anyway, on every target (a many-core host
+// would make one per listener thread, each keeping some memory after a
+// flood).
+constexpr int THREAD_HEAPS = 2;
 // A listener thread runs the handlers: json-c, the registry, the web pages,
 // the start of service-control threads; never libcurl (relays run in the
 // relay pool, whose workers do with the same size).
@@ -469,6 +474,7 @@ long long ssci_server_start() {
         {MHD_OPTION_END, 0, nullptr},
     };
     mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_FROM_BYTES);
+    mallopt(M_ARENA_MAX, THREAD_HEAPS);
     if (!connection_guard_start(limit)) {
         return SSCI_STATUS_START_FAILED;
     }
