@@ -17,6 +17,8 @@ constexpr const char SERVICES_SCRIPT_PATH[] = "/etc/init.d/services.sh";
 constexpr const char FDR_SERVICES_SCRIPT_PATH[] = "/etc/init.d/fdr_services.sh";
 // The shell that runs the init scripts' command lines ("sh -c LINE").
 constexpr const char SHELL_PATH[] = "/bin/sh";
+// The process's own out-of-memory score adjustment (the kernel's file).
+constexpr const char PROC_OOM_SCORE_ADJ_PATH[] = "/proc/self/oom_score_adj";
 // Where the monitor's web pages live unless -D says otherwise.
 constexpr const char DEFAULT_HOME_PATH[] = "/home/httpd/manager_svc/";
 

@@ -25,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/device_paths.h"
 #include "common/print_log.h"
 #include "main/settings.h"
 #include "monitor/prober.h"
@@ -47,7 +48,6 @@ constexpr int NAME_SERVER_PORT = 10182;
 // The kernel's OOM-killer score adjustment (-1000 to 1000) that the daemon
 // takes for itself; see the file comment.
 constexpr int OOM_SCORE_ADJ = -900;
-constexpr const char OOM_SCORE_ADJ_PATH[] = "/proc/self/oom_score_adj";
 
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
 constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT, SIGTRAP};
@@ -92,7 +92,7 @@ void require_server_success(const char* step, long long result) {
 
 // 0 when written, else the errno of the failed step.
 int write_oom_score_adj(int value) {
-    const int fd = open(OOM_SCORE_ADJ_PATH, O_WRONLY | O_CLOEXEC);
+    const int fd = open(PROC_OOM_SCORE_ADJ_PATH, O_WRONLY | O_CLOEXEC);
     if (fd < 0) {
         return errno;
     }
