@@ -40,6 +40,8 @@ fail() { say "FAILED: $*"; exit 1; }
 
 # shellcheck source=scripts/debian-sources.sh
 . "$REPO/scripts/debian-sources.sh"
+# shellcheck source=scripts/device-build.sh
+. "$REPO/scripts/device-build.sh"
 
 # apt-get or apt-cache ($1) with a private source list, lists and cache
 # under $APT_DIR, for armhf, with no installed packages.
@@ -97,13 +99,7 @@ fetch_guest() {
 }
 
 build() {
-    SYSROOT=$("$REPO/scripts/armhf-sysroot.sh" | tail -n 1)
-    DEVICE_DEPS=$("$REPO/scripts/device-deps.sh" armhf | tail -n 1)
-    mkdir -p "$BUILD"
-    cmake -S "$REPO" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
-        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON \
-        -DMANAGER_SVC_DEVICE_DEPS="$DEVICE_DEPS" >"$BUILD/configure.log" 2>&1 ||
-        { cat "$BUILD/configure.log" >&2; fail "configure"; }
+    configure_device_build
     cmake --build "$BUILD" -j2 --target manager_svc || fail "build"
     "$TRIPLET-strip" -o "$BUILD/manager_svc.stripped" "$BUILD/manager_svc"
     cc -O2 -Wall -o "$BUILD/conn_flood" "$REPO/bench/conn_flood.c" || fail "build of the flood tool"
