@@ -48,7 +48,7 @@ constexpr unsigned CONNECTION_IDLE_SECONDS = 10;
 // Open connections at once, over all listener threads (libmicrohttpd gives
 // each thread its share). Near it the connection guard closes those that
 // have waited longest for a request, so a flood cannot lock a client out.
-// A full table costs about 256 x 9 KiB = 2.3 MiB (the buffer below,
+// A full table costs about 256 x 17 KiB = 4.3 MiB (the buffer below,
 // libmicrohttpd's and the guard's state; socket buffers are the kernel's).
 constexpr unsigned CONNECTION_LIMIT = 256;
 // Connections the kernel completes and holds until a listener takes them,
@@ -63,11 +63,12 @@ constexpr rlim_t RESERVED_DESCRIPTORS = 512;
 constexpr rlim_t DESCRIPTORS_PER_THREAD = 2;
 // Each connection's buffer for its request head, the reply's head and
 // reading (libmicrohttpd's default is 32 KiB), cleared for every request.
-// A request head of up to about 7 KiB fits (browsers and services send far
+// A header line of up to about 7.8 KiB is served, for pages and JSON
+// replies alike (common servers allow 8 KiB; browsers and services send far
 // less); a longer one gets 431, or, within a few hundred bytes of the
 // limit, its connection is closed. 32 bytes under 16 KiB, so that with
-// malloc's own header it is exactly two pages.
-constexpr intptr_t CONNECTION_BUFFER_BYTES = 8 * 1024 - 32;
+// malloc's own header it is exactly four pages.
+constexpr intptr_t CONNECTION_BUFFER_BYTES = 16 * 1024 - 32;
 // Allocations from this size on get mappings of their own, which go back
 // to the system when freed: each connection's buffer above all, so a flood
 // leaves no heap behind once its connections are closed.
