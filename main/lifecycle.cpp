@@ -2,15 +2,30 @@
 // g_exit_flag is the only state shared with the signal handler: a lock-free
 // one-byte atomic, set by the handler and read by the main loop.
 // Everything else here runs on the main thread.
+//
+// The daemon keeps the device's registry, so under memory pressure the
+// kernel's OOM killer must take something else: at start the daemon lowers
+// its own oom_score_adj to OOM_SCORE_ADJ (it runs as root on the device).
+// The init scripts it starts set theirs back to the default (0) before they
+// run, so a burst of scripts is what the killer takes. Not -1000: a daemon
+// that itself ran away with the memory stays killable, and a respawning
+// init (README) brings it back with its registry. Without the privilege
+// (CAP_SYS_RESOURCE) the write fails: one debug-log record, and the daemon
+// carries on with the score it has.
 #include "main/lifecycle.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
+#include "common/device_paths.h"
 #include "common/print_log.h"
 #include "main/settings.h"
 #include "monitor/prober.h"
@@ -29,6 +44,10 @@ static_assert(std::atomic<bool>::is_always_lock_free, "the stop flag must be sig
 constexpr const char SERVER_HOST[] = "localhost";
 constexpr const char NAME_SERVER_HOST[] = "localhost";
 constexpr int NAME_SERVER_PORT = 10182;
+
+// The kernel's OOM-killer score adjustment (-1000 to 1000) that the daemon
+// takes for itself; see the file comment.
+constexpr int OOM_SCORE_ADJ = -900;
 
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
 constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT, SIGTRAP};
@@ -71,6 +90,27 @@ void require_server_success(const char* step, long long result) {
     }
 }
 
+// 0 when written, else the errno of the failed step.
+int write_oom_score_adj(int value) {
+    const int fd = open(PROC_OOM_SCORE_ADJ_PATH, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    char text[16];
+    const int length = snprintf(text, sizeof text, "%d", value);
+    const int status = write(fd, text, length) == length ? 0 : errno;
+    close(fd);
+    return status;
+}
+
+void lower_oom_score() {
+    const int status = write_oom_score_adj(OOM_SCORE_ADJ);
+    if (status != 0) {
+        debug_log("oom_score_adj not lowered to %d (%s), going on", OOM_SCORE_ADJ,
+                  strerror(status));
+    }
+}
+
 }  // namespace
 
 void signal_handler(int sig) {
@@ -96,6 +136,7 @@ void register_signal_handlers() {
 
 void server_init(const char* listen_addrs, int listen_port, int listener_threads,
                  const char* web_home_path, int monitor_period) {
+    lower_oom_score();
     svcmon_set_home_path(web_home_path);
     svc_info_init();
     curl_global_init(CURL_GLOBAL_DEFAULT);

@@ -8,7 +8,14 @@
 // stream and closes it as usual; the server tells us (connection_guard_closed)
 // before it closes the descriptor, so a shut-down descriptor is never one
 // that was reused.
+// After a flood (the open connections went past the point where closing
+// starts) the watchdog hands the heap back once fewer than an eighth of
+// the limit are open: the connections' buffers have mappings of their own
+// (ssci_server.cpp), but their small state is scattered over the listener
+// threads' heaps, and malloc_trim returns its free pages.
 #include "platform/connection_guard.h"
+
+#include <malloc.h>
 
 #include <sys/socket.h>
 
@@ -48,6 +55,8 @@ unsigned open_count = 0;       // guarded by guard_lock
 unsigned closing_count = 0;    // guarded by guard_lock
 unsigned evict_above = 0;      // guarded by guard_lock
 unsigned evict_to = 0;         // guarded by guard_lock
+unsigned trim_below = 0;       // guarded by guard_lock
+bool flood_seen = false;       // guarded by guard_lock: past evict_above since the last trim
 bool watchdog_running = false;  // guarded by guard_lock
 std::thread watchdog;          // main thread only (start, stop)
 
@@ -110,6 +119,12 @@ void watch() {
     std::unique_lock<std::mutex> hold(guard_lock);
     while (watchdog_running) {
         close_overdue(now_ms());
+        if (flood_seen && open_count < trim_below) {
+            flood_seen = false;
+            hold.unlock();
+            malloc_trim(0);
+            hold.lock();
+        }
         watchdog_wake.wait_for(hold, WATCHDOG_PERIOD);
     }
 }
@@ -128,6 +143,7 @@ bool connection_guard_start(unsigned limit) {
     }
     evict_above = limit / 8 * EVICT_ABOVE_EIGHTHS;
     evict_to = limit / 8 * EVICT_TO_EIGHTHS;
+    trim_below = limit / 8;
     watchdog_running = true;
     try {
         watchdog = std::thread(watch);
@@ -162,6 +178,7 @@ guarded_connection* connection_guard_opened(int fd) {
     ++open_count;
     const unsigned live = open_count - closing_count;
     if (live > evict_above) {
+        flood_seen = true;
         evict_longest_waiting(live - evict_to);
     }
     return connection;

@@ -12,7 +12,10 @@
 #include <memory>
 
 constexpr unsigned RELAY_POOL_WORKERS = 64;
-constexpr unsigned RELAY_POOL_QUEUE = 256;
+// Relays hold their connections: running and waiting together stay below
+// the point where the connection guard starts closing (7/8 of the server's
+// 256), so relays alone never fill the connection table.
+constexpr unsigned RELAY_POOL_QUEUE = 128;
 constexpr unsigned RELAY_POOL_IDLE_SECONDS = 2;
 
 // One request to relay. Exactly one of run and refuse is called, once, on

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/loopback.h"
 #include "platform/utils.h"
 
 namespace {
@@ -162,7 +163,7 @@ int read_address_members(json_object* answer, std::string& host, int& port) {
 
 void ssci_nameserver_init(const char* host, int port) {
     std::lock_guard<std::mutex> hold(nameserver_lock);
-    nameserver_host = host;
+    nameserver_host = without_name_lookup(host);
     nameserver_port = port;
 }
 

@@ -14,6 +14,7 @@
 // hands it back.
 #include "platform/ssci_server.h"
 
+#include <malloc.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <strings.h>
@@ -38,6 +39,7 @@
 #include "platform/dlog.h"
 #include "platform/held_requests.h"
 #include "platform/httpserver.h"
+#include "platform/loopback.h"
 #include "platform/relay_pool.h"
 #include "platform/request_counts.h"
 #include "platform/request_guard.h"
@@ -53,23 +55,45 @@ constexpr unsigned CONNECTION_IDLE_SECONDS = 10;
 // just before, are given to leave before the connections are closed.
 constexpr auto RESUMED_FLUSH_LIMIT = std::chrono::seconds(1);
 constexpr auto RESUMED_FLUSH_STEP = std::chrono::milliseconds(5);
-// Open connections at once, over all listener threads, when the descriptor
-// limit allows; the limit is raised towards what this needs at start.
-constexpr unsigned WANTED_CONNECTIONS = 4096;
+// The server is sized for a device with 64 MiB of RAM, the same on every
+// target; what each figure costs is measured by scripts/boot-check.sh.
+// Open connections at once, over all listener threads (libmicrohttpd gives
+// each thread its share). Near it the connection guard closes those that
+// have waited longest for a request, so a flood cannot lock a client out.
+// A full table costs about 256 x 17 KiB = 4.3 MiB (the buffer below,
+// libmicrohttpd's and the guard's state; socket buffers are the kernel's).
+constexpr unsigned CONNECTION_LIMIT = 256;
+// Connections the kernel completes and holds until a listener takes them,
+// as many as the server holds (a burst of that many clients is not slowed
+// by retransmissions); beyond this a client's connect is retried by its own
+// kernel. It costs kernel memory only, not the daemon's.
+constexpr int LISTEN_BACKLOG = CONNECTION_LIMIT;
 // Descriptors kept for all but client connections: the listen socket, log
 // and registry files, relays' sockets, init scripts' pipes...
 constexpr rlim_t RESERVED_DESCRIPTORS = 512;
 // ... and each listener thread's event and wake-up descriptors.
 constexpr rlim_t DESCRIPTORS_PER_THREAD = 2;
 // Each connection's buffer for its request head, the reply's head and
-// reading (libmicrohttpd's default is 32 KiB). libmicrohttpd clears all of
-// it for every request, so a smaller one makes every request cheaper, and
-// it bounds the memory of a full connection table (96 MiB at 4096
-// connections). A request head of up to about 11 KiB fits (browsers and
-// services send far less; common servers refuse header lines over 8 KiB);
-// a longer one gets 431, or, within a few hundred bytes of the limit, its
-// connection is closed.
-constexpr intptr_t CONNECTION_BUFFER_BYTES = 24 * 1024;
+// reading (libmicrohttpd's default is 32 KiB), cleared for every request.
+// A header line of up to about 7.8 KiB is served, for pages and JSON
+// replies alike (common servers allow 8 KiB; browsers and services send far
+// less); a longer one gets 431, or, within a few hundred bytes of the
+// limit, its connection is closed. 32 bytes under 16 KiB, so that with
+// malloc's own header it is exactly four pages.
+constexpr intptr_t CONNECTION_BUFFER_BYTES = 16 * 1024 - 32;
+// Allocations from this size on get mappings of their own, which go back
+// to the system when freed: each connection's buffer above all, so a flood
+// leaves no heap behind once its connections are closed.
+constexpr int OWN_MAPPING_FROM_BYTES = CONNECTION_BUFFER_BYTES;
+// The heaps that threads allocate from besides the main one: what glibc
+// gives a one-core 32-bit device anyway, on every target (a many-core host
+// would make one per listener thread, each keeping some memory after a
+// flood).
+constexpr int THREAD_HEAPS = 2;
+// A listener thread runs the handlers: json-c, the registry, the web pages,
+// the start of service-control threads; never libcurl (relays run in the
+// relay pool, whose workers do with the same size).
+constexpr std::size_t LISTENER_STACK_BYTES = 256 * 1024;
 // Bytes of an over-long body that are read and thrown away before the 413,
 // so that a client still sending it sees the reply rather than a reset
 // (lingering close); past this the 413 is sent at once.
@@ -420,12 +444,12 @@ void on_connection(void*, MHD_Connection* connection, void** socket_context,
     *socket_context = info == nullptr ? nullptr : connection_guard_opened(info->connect_fd);
 }
 
-// Raises the soft descriptor limit towards what the wanted connections
-// need (never past the hard limit, never lowering it), and returns the
-// connection limit that the descriptors left allow.
+// Raises the soft descriptor limit to what the connection limit needs when
+// it is lower (never past the hard limit, never lowering it), and returns
+// the connection limit that the descriptors left allow.
 unsigned connection_limit(unsigned threads) {
     const rlim_t reserved = RESERVED_DESCRIPTORS + DESCRIPTORS_PER_THREAD * threads;
-    const rlim_t wanted = WANTED_CONNECTIONS + reserved;
+    const rlim_t wanted = CONNECTION_LIMIT + reserved;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
         limit.rlim_cur < wanted) {
@@ -434,15 +458,14 @@ unsigned connection_limit(unsigned threads) {
         setrlimit(RLIMIT_NOFILE, &limit);
     }
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
-        return WANTED_CONNECTIONS;
+        return CONNECTION_LIMIT;
     }
     const rlim_t usable = limit.rlim_cur > 2 * reserved ? limit.rlim_cur - reserved
                                                          : limit.rlim_cur / 2;
-    return static_cast<unsigned>(std::min<rlim_t>(usable, WANTED_CONNECTIONS));
+    return static_cast<unsigned>(std::min<rlim_t>(usable, CONNECTION_LIMIT));
 }
 
-// "localhost" and other names may give IPv4 and IPv6 addresses; IPv4 is
-// preferred, so "localhost" listens on 127.0.0.1.
+// A name may give IPv4 and IPv6 addresses; IPv4 is preferred.
 const addrinfo* preferred_address(const addrinfo* list) {
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
         if (entry->ai_family == AF_INET) {
@@ -459,7 +482,7 @@ long long bind_and_listen(const addrinfo* address, int* listen_fd) {
     }
     const int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(fd, address->ai_addr, address->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+        bind(fd, address->ai_addr, address->ai_addrlen) != 0 || listen(fd, LISTEN_BACKLOG) != 0) {
         const long long status = -errno;
         close(fd);
         return status;
@@ -476,7 +499,7 @@ long long open_listen_socket(const char* host, int port, int* listen_fd) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* list = nullptr;
-    if (getaddrinfo(host, service, &hints, &list) != 0 || list == nullptr) {
+    if (getaddrinfo(without_name_lookup(host), service, &hints, &list) != 0 || list == nullptr) {
         return SSCI_STATUS_NO_ADDRESS;
     }
     const long long status = bind_and_listen(preferred_address(list), listen_fd);
@@ -529,8 +552,12 @@ long long ssci_server_start() {
         {MHD_OPTION_CONNECTION_TIMEOUT, CONNECTION_IDLE_SECONDS, nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(limit), nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, CONNECTION_BUFFER_BYTES, nullptr},
+        // The listener threads (see LISTENER_STACK_BYTES).
+        {MHD_OPTION_THREAD_STACK_SIZE, static_cast<intptr_t>(LISTENER_STACK_BYTES), nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
+    mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_FROM_BYTES);
+    mallopt(M_ARENA_MAX, THREAD_HEAPS);
     if (!connection_guard_start(limit)) {
         return SSCI_STATUS_START_FAILED;
     }

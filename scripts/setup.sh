@@ -7,6 +7,8 @@
 #        setup.sh armhf    also the 32-bit ARM cross-compiler, the user-mode
 #                          emulator that runs its binaries, and debootstrap
 #                          for the target's sysroot (scripts/armhf-sysroot.sh)
+#                          and the system emulator that boots the device
+#                          build (scripts/boot-check.sh)
 # busybox gives the init script's tests BusyBox's applets; lintian checks
 # the package; dpkg-dev unpacks the source packages that
 # scripts/device-deps.sh builds and computes the package's Depends;
@@ -22,7 +24,8 @@ util-linux mount procps
 busybox lintian dpkg-dev
 prometheus
 "
-ARMHF_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user debootstrap"
+ARMHF_PACKAGES="g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user debootstrap
+qemu-system-arm"
 case "${1:-}" in
     "") ;;
     armhf) PACKAGES="$PACKAGES $ARMHF_PACKAGES" ;;

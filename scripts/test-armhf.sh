@@ -42,16 +42,12 @@ cleanup() {
     fi
 }
 trap cleanup EXIT
+# shellcheck source=scripts/device-build.sh
+. "$REPO/scripts/device-build.sh"
 
 build() {
     "$REPO/scripts/setup.sh" armhf
-    SYSROOT=$("$REPO/scripts/armhf-sysroot.sh" | tail -n 1)
-    DEVICE_DEPS=$("$REPO/scripts/device-deps.sh" armhf | tail -n 1)
-    mkdir -p "$BUILD"
-    cmake -S "$REPO" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$REPO/cmake/armhf-toolchain.cmake" \
-        -DMANAGER_SVC_ARMHF_SYSROOT="$SYSROOT" -DMANAGER_SVC_DEVICE_BUILD=ON \
-        -DMANAGER_SVC_DEVICE_DEPS="$DEVICE_DEPS" >"$BUILD/configure.log" 2>&1 ||
-        { cat "$BUILD/configure.log" >&2; fail "configure"; }
+    configure_device_build
     cmake --build "$BUILD" -j2 || fail "build"
 }
 

@@ -1,8 +1,10 @@
 """Command line and lifecycle: usage, bad options, the banner, the ready
-marker, the descriptor limit, stop signals writing the registry back, and a
-start-up that fails."""
+marker, the descriptor limit, stop signals writing the registry back, a
+start without any name resolution, and a start-up that fails."""
+import os
 import signal
 import socket
+import stat
 
 import pytest
 
@@ -40,11 +42,11 @@ def test_command_line(sandbox, args, status, text):
 
 @pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM])
 def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
-    daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(1024, 8192))
+    daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(512, 8192))
     daemon.wait_ready()
     with open(f"/proc/{daemon.pid}/limits") as limits:
         assert [line.split()[3] for line in limits if line.startswith("Max open files")] == \
-            [str(4096 + 512 + 2 * 3)]
+            [str(256 + 512 + 2 * 3)]
     assert register(daemon, "svcA") == OK
     sandbox.write(REGISTRY_FILE, "stale\n")
     assert daemon.stop(sig) == 0
@@ -53,6 +55,19 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
     assert (f"listen        : [127.0.0.1:{daemon.port}]\nthread_no     : [3]\n"
             "verbose_level : [1]\n") in text
     assert text.endswith(f"recv sig={int(sig)}\nmanager_svc exit(EXIT_SUCCESS).\n")
+
+
+def test_localhost_needs_no_resolver_and_the_oom_score_is_lowered_or_logged(sandbox):
+    for hidden in ("/etc/hosts", "/etc/resolv.conf", "/etc/nsswitch.conf"):
+        os.makedirs(os.path.dirname(sandbox.path(hidden)), exist_ok=True)
+        os.mknod(sandbox.path(hidden), stat.S_IFCHR, os.makedev(0, 0))
+    daemon = sandbox.start().wait_ready()
+    assert register(daemon, "svcA") == OK
+    with open(f"/proc/{daemon.pid}/oom_score_adj") as score:
+        lowered = int(score.read()) == -900
+    # Without CAP_SYS_RESOURCE (a container) the score stays and says so.
+    assert lowered != ("oom_score_adj not lowered to -900" in sandbox.debug_log())
+    assert daemon.stop() == 0
 
 
 def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):

@@ -10,7 +10,7 @@ import time
 from fake_peer import FakePeer, answer
 from harness import OK, SVCMON, deadline, reachability, reachability_items, register, wait_for
 
-HELD_MAX = 256
+HELD_MAX = 32
 
 
 def test_long_poll_answers_on_change_or_after_its_wait(sandbox):

@@ -59,7 +59,7 @@ WALK = [
     (SVCMON + "/other?method=get_health_status", {}, json_reply(b'{ "return": -4 }')),
     (WEB, {}, (302, "text/plain", b"")),
     (WEB + "/index.html", {"If-Modified-Since": OLD_DATE}, (200, "text/html", INDEX)),
-    (WEB + "/app.js", {"Cookie": "c=" + "x" * 8000},
+    (WEB + "/app.js", {"Cookie": "c=" + "x" * 7800},
      (200, "application/javascript", b"let app = 1;")),
     (WEB + "/missing.html", {}, NOT_FOUND),
     (WEB + "/out.js", {}, NOT_FOUND),

@@ -11,10 +11,10 @@ HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.
            "Connection: close\r\n\r\n").encode()
 GET_INFO = f"GET {SVCMGR}?method=get_info&name=x HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode()
 FAILED = b'{ "return": -5 }'
-RUNNING, WAITING, BEYOND = 64, 256, 10
-# A descriptor limit of 700 leaves 350 connections: above 301 open, the
-# longest waiting are closed until 258 are left.
-NOFILE, IDLE, FIRST_CLOSED, KEPT = 700, 300, 40, 40
+RUNNING, WAITING, BEYOND = 64, 128, 10
+# Of the 256 connections, above 224 open the longest waiting are closed
+# until 192 are left.
+IDLE, FIRST_CLOSED, KEPT = 300, 40, 40
 
 
 def connect(port, request=b""):
@@ -65,7 +65,7 @@ def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
 
 
 def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
-    daemon = sandbox.start(nofile=(NOFILE, NOFILE)).wait_ready()
+    daemon = sandbox.start().wait_ready()
     with FakePeer(silent) as peer:
         assert register(daemon, "quiet", peer.port) == OK
         relays = [connect(daemon.port, HISTORY) for _ in range(20)]
