@@ -1,12 +1,14 @@
 """Command line and lifecycle: usage, bad options, the banner, the ready
 marker, the descriptor limit, stop signals writing the registry back, and a
 start-up that fails."""
+import os
 import signal
 import socket
+import stat
 
 import pytest
 
-from harness import BIN, OK, READY_MARKER, REGISTRY_FILE, register
+from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, register
 
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
@@ -63,3 +65,18 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
     assert result.returncode == 1
     assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
     assert not sandbox.exists(READY_MARKER)
+
+
+def test_files_are_made_with_their_modes(sandbox):
+    """Under umask 0: the registry as fopen(3) makes it, the rest 0644 in 0755 folders."""
+    old_umask = os.umask(0)
+    try:
+        daemon = sandbox.start()
+    finally:
+        os.umask(old_umask)
+    assert register(daemon.wait_ready(), "svcA") == OK
+    modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in [
+        REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}
+    assert modes == {REGISTRY_FILE: 0o666, READY_MARKER: 0o644, DEBUG_LOG: 0o644,
+                     os.path.dirname(DEBUG_LOG): 0o755, "/Ombrix": 0o755}
+    assert daemon.stop() == 0

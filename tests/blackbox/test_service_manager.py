@@ -30,6 +30,7 @@ WALK = [
     ("POST", SVCMGR, '{"method": "register", "name": ""}', 200, b'{ "return": -3 }'),
     ("POST", SVCMGR, '{"method": "unregister", "name": "svcA"}', 200, b'{ "return": -1 }'),
     ("POST", SVCMGR, "not json", 200, b'{ "return": -1 }'),
+    ("POST", SVCMGR, '{"name": "svcA", "ip": "127.0.0.9", "port": 9}', 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=register&name=svcA", None, 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=", None, 200, b'{ "return": -3 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=nobody", None, 200, b'{ "return": -2 }'),
@@ -58,6 +59,13 @@ def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbo
             in daemon.stderr_text())
     assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
         daemon.stderr_text())
+    module_sandbox.write(REGISTRY_FILE, b"left alone\n")
+    assert daemon.request("POST", SVCMGR, REGISTER_A).body == OK
+    assert module_sandbox.read(REGISTRY_FILE) == b"left alone\n"
+    for lines in ["get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n",
+                  "param_method=\nparam_name=svcA\nparam_ip=127.0.0.9\nparam_port=9\ndo register \n",
+                  "proc_svcmgr_delete()\nparam_name=svcA\ndo delete\n"]:
+        assert lines in daemon.stderr_text()
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK
