@@ -136,34 +136,60 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
 }
 
 // Old size (the new content, then "o"s), whether the disk is full, bytes
-// taken per write, writes before ENOSPC, the writes asked for, and the bytes
-// of the new content then in the file. A longer old content is covered by
-// padding in the one write, then cut (padding a crash leaves loads as
-// nothing); a failed write never leaves half a line; no room: old kept.
+// taken per write, writes before ENOSPC, the writes asked for, the bytes
+// of the new content then in the file, and the debug-log records. A longer
+// old content is covered by padding in the one write, then cut (padding a
+// crash leaves loads as nothing), unless it is far longer (cut first, never
+// padded); a failed write never leaves half a line; no room: old kept.
 TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
-    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {
-        {12000, false, SIZE_MAX, SIZE_MAX, {12000}, 10100},
-        {4, false, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100},
-        {4, false, 4000, 1, {10100, 6100}, 39 * 101},
-        {4, true, SIZE_MAX, SIZE_MAX, {}, 4},
+    const std::string failed = "svc_info_map.cpp:svc_info_write_back(", file = REGISTRY_FILE_PATH;
+    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::size_t>, std::size_t,
+                     std::vector<std::string>> cases[] = {
+        {12000, false, SIZE_MAX, SIZE_MAX, {12000}, 10100, {}},
+        {300000, false, SIZE_MAX, SIZE_MAX, {10100}, 10100, {}},
+        {4, false, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100, {}},
+        {4, false, 4000, 1, {10100, 6100}, 39 * 101,
+         {failed + "123) write(" + file + ") error(28).",
+          failed + "121) 3939 of 10100 bytes kept in " + file + ", cut at a line end."}},
+        {4, true, SIZE_MAX, SIZE_MAX, {}, 4,
+         {failed + "120) no space for 10100 bytes in " + file + ", old content kept."}},
     };
-    for (const auto& [old_size, full, per_call, calls_left, asked, kept] : cases) {
+    for (const auto& [old_size, full, per_call, calls_left, asked, kept, records] : cases) {
         reset();
         for (int index = 0; index < 100; index++) {
             add("s" + std::to_string(1000 + index), std::string(92, '1'));  // 101-byte lines
         }
         const std::string content = registry_text();
-        write_file(REGISTRY_FILE_PATH, (content + std::string(2000, 'o')).substr(0, old_size));
+        write_file(REGISTRY_FILE_PATH, (content + std::string(old_size, 'o')).substr(0, old_size));
+        const std::size_t logged = read_file(DEBUG_LOG_PATH).size();
         plan = write_plan{true, full, per_call, calls_left, {}, {}};
         svc_info_write_back();
         plan.armed = false;
         EXPECT_EQ(asked, plan.asked);
         EXPECT_EQ(content.substr(0, kept), read_file(REGISTRY_FILE_PATH));
+        std::istringstream log(read_file(DEBUG_LOG_PATH).substr(logged));
+        std::vector<std::string> written;
+        for (std::string record; std::getline(log, record);) {
+            written.push_back(record.substr(record.find(": ") + 2));
+        }
+        EXPECT_EQ(records, written);
         write_file(REGISTRY_FILE_PATH, plan.first);
         svc_info_destroy();
         svc_info_init();
         EXPECT_EQ(full ? "" : content, registry_text());
     }
+}
+
+// Names in byte order, the shorter prefix first, bytes taken as unsigned:
+// in the list and in the file alike.
+TEST_F(registry_test, NamesAreKeptInByteOrder) {
+    for (const char* name : {"\xe9", "b", "abc", "B", "ab", "a"}) {
+        add(name, "127.0.0.1");
+    }
+    const std::string ordered = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\n"
+                                "b,127.0.0.1,1\n\xe9,127.0.0.1,1\n";
+    EXPECT_EQ(ordered, registry_text());
+    EXPECT_EQ(ordered, read_file(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails
