@@ -2,9 +2,11 @@
 marker, the descriptor limit, stop signals writing the registry back, and a
 start-up that fails."""
 import os
+import re
 import signal
 import socket
 import stat
+import time
 
 import pytest
 
@@ -42,6 +44,7 @@ def test_command_line(sandbox, args, status, text):
 
 @pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM])
 def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
+    started = time.asctime()
     daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(1024, 8192))
     daemon.wait_ready()
     with open(f"/proc/{daemon.pid}/limits") as limits:
@@ -52,8 +55,13 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
     assert daemon.stop(sig) == 0
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
     text = daemon.stderr_text()
-    assert (f"listen        : [127.0.0.1:{daemon.port}]\nthread_no     : [3]\n"
-            "verbose_level : [1]\n") in text
+    assert text.startswith(
+        f"==== execute manager_svc ==== \nis_daemon     : [false]\n"
+        f"listen        : [127.0.0.1:{daemon.port}]\nthread_no     : [3]\nverbose_level : [1]\n"
+        "log_file      : [/tmp/.manager_svc.debug]\nhome_path     : [/home/httpd/manager_svc/]\n"
+        "execute_time  : ["), text[:1000]
+    execute_time = re.search(r"\nexecute_time  : \[(.*)\]\n", text)[1]
+    assert execute_time[:11] == started[:11] and re.fullmatch(r"\d\d:\d\d:\d\d \d{4}", execute_time[11:])
     assert text.endswith(f"recv sig={int(sig)}\nmanager_svc exit(EXIT_SUCCESS).\n")
 
 
