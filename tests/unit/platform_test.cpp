@@ -16,6 +16,7 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "platform/common_http_resource.h"
 #include "platform/diagnosis.h"
@@ -23,6 +24,22 @@
 #include "platform/relay_pool.h"
 #include "platform/request_guard.h"
 #include "platform/utils.h"
+
+namespace {
+
+// While not -1, the real-time clock reads this second (see clock_gettime below).
+volatile time_t fake_realtime = -1;
+
+}  // namespace
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
+    static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    if (clock != CLOCK_REALTIME || fake_realtime == -1) {
+        return real(clock, now);
+    }
+    *now = {fake_realtime, 0};
+    return 0;
+}
 
 namespace {
 
@@ -88,18 +105,27 @@ TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
     EXPECT_EQ(contents_of("debug.log").find("record 3\n"), record - 9u);
 }
 
+// The record is stamped in UTC from the real-time clock, here set to
+// dates around leap days, year ends and the 32-bit limit.
 TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
     GTEST_FLAG_SET(death_test_style, "fast");  // the child keeps the working directory
-    const std::pair<int, const char*> cases[] = {{SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}};
-    for (const auto& [sig, name] : cases) {
+    const std::tuple<int, const char*, time_t, const char*> cases[] = {
+        {SIGSEGV, "SIGSEGV", 951868799, "2000-02-29 23:59:59"},
+        {SIGABRT, "SIGABRT", 951868800, "2000-03-01 00:00:00"},
+        {SIGABRT, "SIGABRT", 0, "1970-01-01 00:00:00"},
+        {SIGABRT, "SIGABRT", 946684799, "1999-12-31 23:59:59"},
+        {SIGABRT, "SIGABRT", 1769862896, "2026-01-31 12:34:56"},
+        {SIGABRT, "SIGABRT", 2147483647, "2038-01-19 03:14:07"},
+    };
+    for (const auto& [sig, name, seconds, stamp] : cases) {
         const std::size_t before = contents_of("crash/crash.log").size();
-        const std::string date = now_as("%F", gmtime_r);
+        fake_realtime = seconds;
         EXPECT_EXIT((diagnosis_com_install_siganl_handler(sig, "crash_prog", nullptr), raise(sig)),
                     ::testing::KilledBySignal(sig), "");
+        fake_realtime = -1;
         const std::string record = contents_of("crash/crash.log").substr(before);
         EXPECT_TRUE(std::regex_search(
-            record, std::regex("^(" + date + "|" + now_as("%F", gmtime_r) +
-                               ") [0-9:]{8} UTC crash_prog\\[[0-9]+\\]: crash: signal " +
+            record, std::regex("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
                                std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}")))
             << record;
         EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
