@@ -237,20 +237,27 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 namespace {
 
 // A job that no worker can run is refused at once and leaves nothing in
-// the queue: the next job runs, alone.
-TEST_F(Platform, RelayPoolRefusesAJobWhenNoWorkerCanBeMade) {
+// the queue; while a worker is busy and no thread can be made, the next
+// job waits for that worker instead.
+TEST_F(Platform, RelayPoolRefusesAJobOnlyWhenNoWorkerCanRunIt) {
     job_counts jobs;
-    jobs.gate.set_value();
     relay_pool_start();
     poll_until([] { return relay_pool_worker_count() == 0; });
-    threads_refused = true;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    threads_refused = false;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    poll_until([&jobs] { return jobs.finished == 1; });
-    relay_pool_stop();
-    EXPECT_EQ(jobs.refused_here + jobs.finished, 2u);
+    const auto submit = [&jobs](bool refused) {
+        threads_refused = refused;
+        relay_pool_submit(std::make_unique<gated_job>(jobs));
+        threads_refused = false;
+    };
+    submit(true);
     EXPECT_EQ(jobs.refused_here, 1u);
+    submit(false);
+    poll_until([&jobs] { return jobs.running == 1; });
+    submit(true);
+    EXPECT_EQ(jobs.refused_here, 1u);
+    jobs.gate.set_value();
+    poll_until([&jobs] { return jobs.finished == 2; });
+    relay_pool_stop();
+    EXPECT_EQ(jobs.finished, 2u);
 }
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
