@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -130,6 +131,28 @@ TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
             << record;
         EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
     }
+}
+
+// Recurses until the stack runs out; the volatile frame keeps every call.
+volatile int recursion_limit = INT_MAX;
+int exhaust_stack(int depth) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(depth);
+    return depth < recursion_limit ? exhaust_stack(depth + 1) + frame[0] : 0;
+}
+
+// A stack overflow on the installing thread is recorded all the same (the
+// handler runs on its own stack). Sanitizers handle an overflow themselves.
+TEST_F(PlatformDeathTest, CrashHandlerRecordsAStackOverflow) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer reports the overflow itself";
+#endif
+    GTEST_FLAG_SET(death_test_style, "fast");
+    const std::size_t before = contents_of("crash/crash.log").size();
+    EXPECT_EXIT((diagnosis_com_install_siganl_handler(SIGSEGV, "deep", nullptr), exhaust_stack(0)),
+                ::testing::KilledBySignal(SIGSEGV), "");
+    EXPECT_NE(contents_of("crash/crash.log").find("crash: signal 11 (SIGSEGV), backtrace:\n", before),
+              std::string::npos);
 }
 
 volatile sig_atomic_t caught_signal = 0;
