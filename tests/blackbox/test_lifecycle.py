@@ -44,13 +44,21 @@ def test_command_line(sandbox, args, status, text):
 
 @pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM])
 def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
-    started = time.asctime()
-    daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(1024, 8192))
+    """Under umask 0 the files come with their own modes: the registry's as
+    fopen(3) makes it, the rest 0644 in 0755 folders."""
+    started, old_umask = time.asctime(), os.umask(0)
+    try:
+        daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(1024, 8192))
+    finally:
+        os.umask(old_umask)
     daemon.wait_ready()
     with open(f"/proc/{daemon.pid}/limits") as limits:
         assert [line.split()[3] for line in limits if line.startswith("Max open files")] == \
             [str(4096 + 512 + 2 * 3)]
     assert register(daemon, "svcA") == OK
+    modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in
+             [REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}
+    assert list(modes.values()) == [0o666, 0o644, 0o644, 0o755, 0o755], modes
     sandbox.write(REGISTRY_FILE, "stale\n")
     assert daemon.stop(sig) == 0
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
@@ -74,17 +82,3 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
     assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
     assert not sandbox.exists(READY_MARKER)
 
-
-def test_files_are_made_with_their_modes(sandbox):
-    """Under umask 0: the registry as fopen(3) makes it, the rest 0644 in 0755 folders."""
-    old_umask = os.umask(0)
-    try:
-        daemon = sandbox.start()
-    finally:
-        os.umask(old_umask)
-    assert register(daemon.wait_ready(), "svcA") == OK
-    modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in [
-        REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}
-    assert modes == {REGISTRY_FILE: 0o666, READY_MARKER: 0o644, DEBUG_LOG: 0o644,
-                     os.path.dirname(DEBUG_LOG): 0o755, "/Ombrix": 0o755}
-    assert daemon.stop() == 0

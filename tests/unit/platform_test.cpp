@@ -33,8 +33,15 @@ volatile time_t fake_realtime = -1;
 
 }  // namespace
 
+// With 64-bit time on a 32-bit target the C library's call has another name.
+#ifdef __USE_TIME64_REDIRECTS
+constexpr char REAL_CLOCK_GETTIME[] = "__clock_gettime64";
+#else
+constexpr char REAL_CLOCK_GETTIME[] = "clock_gettime";
+#endif
+
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
-    static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, REAL_CLOCK_GETTIME));
     if (clock != CLOCK_REALTIME || fake_realtime == -1) {
         return real(clock, now);
     }
