@@ -18,7 +18,6 @@ def daemon(module_sandbox):
 # Walked in order against one daemon: method, path, body, status, reply.
 WALK = [
     ("POST", SVCMGR, REGISTER_A, 200, OK),
-    ("POST", SVCMGR, REGISTER_A, 200, OK),
     ("GET", SVCMGR + "?method=get_info&name=svcA", None, 200,
      b'{ "return": 0, "name": "svcA", "ip": "127.0.0.7", "port": 80 }'),
     ("GET", SVCMGR + "?method=get_info&name=nobody", None, 200,
@@ -57,11 +56,11 @@ def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbo
     assert module_sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.7,80\n"
     assert (f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
             in daemon.stderr_text())
-    assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
-        daemon.stderr_text())
     module_sandbox.write(REGISTRY_FILE, b"left alone\n")
     assert daemon.request("POST", SVCMGR, REGISTER_A).body == OK
     assert module_sandbox.read(REGISTRY_FILE) == b"left alone\n"
+    assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
+        daemon.stderr_text())
     for lines in ["get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n",
                   "param_method=\nparam_name=svcA\nparam_ip=127.0.0.9\nparam_port=9\ndo register \n",
                   "proc_svcmgr_delete()\nparam_name=svcA\ndo delete\n"]:
