@@ -82,7 +82,6 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
         {{found, OK_HEAD + limit + "b"}, SSCI_ERR_TOO_LARGE, 0},
         {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, SSCI_ERR_STATUS, 0},
         {{OK_HEAD + R"({"return": -2})"}, SSCI_ERR_NOT_FOUND, 0},
-        {{OK_HEAD + R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})"}, SSCI_ERR_ARGUMENT, 0},
     };
     ssci_nameserver_init("localhost", peer.port);
     for (const auto& [answers, result, size] : cases) {
@@ -106,6 +105,7 @@ TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
         {R"({"return": 0, "ip": "127.0.0.5", "port": 0})", SSCI_ERR_ARGUMENT, "", 0},
         {R"({"return": 0, "ip": "127.0.0.5", "port": 65536})", SSCI_ERR_ARGUMENT, "", 0},
         {R"({"return": 0, "ip": "127.0.0.5", "port": "80"})", SSCI_ERR_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", SSCI_ERR_ARGUMENT, "", 0},
         {R"({"return": 0, "port": 80})", SSCI_ERR_ARGUMENT, "", 0},
         {R"({"return": -2, "ip": "", "port": 0})", SSCI_ERR_NOT_FOUND, "", 0},
         {R"([0])", SSCI_ERR_ARGUMENT, "", 0},
