@@ -181,15 +181,16 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
 }
 
 // Names in byte order, the shorter prefix first, bytes taken as unsigned:
-// in the list and in the file alike.
+// in the list and in the file alike; a file line is cut at 126 characters.
 TEST_F(registry_test, NamesAreKeptInByteOrder) {
-    for (const char* name : {"\xe9", "b", "abc", "B", "ab", "a"}) {
+    const std::string longest(130, '~');
+    for (const std::string& name : {std::string("\xe9"), longest, std::string("b"), std::string("abc"),
+                                    std::string("B"), std::string("ab"), std::string("a")}) {
         add(name, "127.0.0.1");
     }
-    const std::string ordered = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\n"
-                                "b,127.0.0.1,1\n\xe9,127.0.0.1,1\n";
-    EXPECT_EQ(ordered, registry_text());
-    EXPECT_EQ(ordered, read_file(REGISTRY_FILE_PATH));
+    const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
+    EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", read_file(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails
