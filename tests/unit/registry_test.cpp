@@ -23,13 +23,15 @@
 
 namespace {
 
-// While armed, the file system has no free block (when `full`), and write(2)
-// on the registry file is recorded (sizes asked, first bytes) and takes at
-// most `per_call` bytes; after `calls_left` calls it fails with ENOSPC.
+// While armed, the file system has no free block (when `full`), write(2)
+// and ftruncate(2) on the registry file are recorded in order ("write" and
+// the size asked, "cut" and the length; the first write's bytes too), and a
+// write takes at most `per_call` bytes; after `calls_left` calls it fails
+// with ENOSPC.
 struct write_plan {
     bool armed = false, full = false;
     std::size_t per_call = SIZE_MAX, calls_left = SIZE_MAX;
-    std::vector<std::size_t> asked;
+    std::vector<std::string> calls;
     std::string first;
 } plan;
 
@@ -75,10 +77,17 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
     if (!plan.armed || !is_registry_file(fd)) {
         return syscall(SYS_write, fd, data, size);
     }
-    plan.first += plan.asked.empty() ? std::string(static_cast<const char*>(data), size) : "";
-    plan.asked.push_back(size);
+    plan.first += plan.first.empty() ? std::string(static_cast<const char*>(data), size) : "";
+    plan.calls.push_back("write " + std::to_string(size));
     errno = ENOSPC;
     return plan.calls_left-- == 0 ? -1 : syscall(SYS_write, fd, data, std::min(size, plan.per_call));
+}
+
+extern "C" int ftruncate(int fd, off_t length) {
+    if (plan.armed && is_registry_file(fd)) {
+        plan.calls.push_back("cut " + std::to_string(length));
+    }
+    return static_cast<int>(syscall(SYS_ftruncate, fd, length));
 }
 
 extern "C" int fstatvfs(int fd, struct statvfs* space) {
@@ -136,19 +145,20 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
 }
 
 // Old size (the new content, then "o"s), whether the disk is full, bytes
-// taken per write, writes before ENOSPC, the writes asked for, the bytes
-// of the new content then in the file, and the debug-log records. A longer
-// old content is covered by padding in the one write, then cut (padding a
-// crash leaves loads as nothing), unless it is far longer (cut first, never
-// padded); a failed write never leaves half a line; no room: old kept.
+// taken per write, writes before ENOSPC, the writes and cuts asked for, the
+// bytes of the new content then in the file, and the debug-log records. A
+// longer old content is covered by padding in the one write, then cut
+// (padding a crash leaves loads as nothing; the file is never empty on the
+// way), unless it is far longer (cut first, never padded); a failed write
+// never leaves half a line; no room: old kept.
 TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
     const std::string failed = "svc_info_map.cpp:svc_info_write_back(", file = REGISTRY_FILE_PATH;
-    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::size_t>, std::size_t,
+    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::string>, std::size_t,
                      std::vector<std::string>> cases[] = {
-        {12000, false, SIZE_MAX, SIZE_MAX, {12000}, 10100, {}},
-        {300000, false, SIZE_MAX, SIZE_MAX, {10100}, 10100, {}},
-        {4, false, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100, {}},
-        {4, false, 4000, 1, {10100, 6100}, 39 * 101,
+        {12000, false, SIZE_MAX, SIZE_MAX, {"write 12000", "cut 10100"}, 10100, {}},
+        {300000, false, SIZE_MAX, SIZE_MAX, {"cut 0", "write 10100"}, 10100, {}},
+        {4, false, 4000, SIZE_MAX, {"write 10100", "write 6100", "write 2100"}, 10100, {}},
+        {4, false, 4000, 1, {"write 10100", "write 6100", "cut 3939"}, 39 * 101,
          {failed + "123) write(" + file + ") error(28).",
           failed + "121) 3939 of 10100 bytes kept in " + file + ", cut at a line end."}},
         {4, true, SIZE_MAX, SIZE_MAX, {}, 4,
@@ -165,7 +175,7 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
         plan = write_plan{true, full, per_call, calls_left, {}, {}};
         svc_info_write_back();
         plan.armed = false;
-        EXPECT_EQ(asked, plan.asked);
+        EXPECT_EQ(asked, plan.calls);
         EXPECT_EQ(content.substr(0, kept), read_file(REGISTRY_FILE_PATH));
         std::istringstream log(read_file(DEBUG_LOG_PATH).substr(logged));
         std::vector<std::string> written;
