@@ -62,6 +62,8 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
     sandbox.write(REGISTRY_FILE, "stale\n")
     assert daemon.stop(sig) == 0
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
+    assert [record.split(": ", 1)[1] for record in sandbox.debug_log().splitlines()] == [
+        "ADD : [svcA]=[127.0.0.1:80]"]
     text = daemon.stderr_text()
     assert text.startswith(
         f"==== execute manager_svc ==== \nis_daemon     : [false]\n"
