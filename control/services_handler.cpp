@@ -6,6 +6,13 @@
 // The worker starts the shell itself and waits for it, and records the run
 // in the control-run log (control_runs.h, which has its own lock); the
 // handler shares nothing else.
+// Nothing queues or limits the runs: a burst of N posts is N threads and N
+// shells (plus what each script starts) until they end, which callers that
+// must not overload the device avoid. The listener threads stay free
+// meanwhile. The only bound is the system's limit on threads and processes
+// (with 64 KiB worker stacks a 32-bit device starts 1000); a run whose
+// thread, pipe or process cannot be had is recorded as not started, and its
+// reply is still {"return": 0}.
 #include "control/services_handler.h"
 
 #include <json-c/json.h>

@@ -6,6 +6,14 @@
 // stands empty or half-filled while the rewrite runs.
 // Keeps no state and takes no lock: the caller serialises the rewrites of
 // one file. Used by the registry (svc_info_map) for its file.
+// For the registry this means: a registration or removal is in the file
+// before its reply is sent, so a crash (SIGKILL, an OOM kill, a watchdog)
+// during a rewrite loses at most the changes not yet acknowledged; padding
+// left by a crash between the write and the cut loads as nothing (each line
+// logged as a "format error"). Only a crash inside the one write of a file
+// larger than a page (about 150 services) can mix the two registries at a
+// page boundary. No sync is asked for: after a power loss a file on a disk
+// may lack the last changes (on tmpfs, the usual /tmp, it is gone anyway).
 #ifndef MANAGER_SVC_FILE_REWRITE_H
 #define MANAGER_SVC_FILE_REWRITE_H
 
