@@ -10,7 +10,10 @@
 #include <string>
 
 // Result codes of do_curl_GET_request; besides these, the peer's status
-// itself for 302, 400, 401, 403, 404 and 405.
+// itself for 302, 400, 401, 403, 404 and 405. The history request prints
+// the code on the console ("do_curl_GET_request = %lld"), so these numbers
+// are what its readers know and stay as they are (positive, unlike the
+// internal codes of result_codes.h).
 constexpr long long HTTP_GET_OK = 0;            // the peer answered 200
 constexpr long long HTTP_GET_TOO_LONG = 1;      // host, path and query too long
 constexpr long long HTTP_GET_NO_HANDLE = 2;     // libcurl gave no easy handle

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,7 @@
 #include <sstream>
 #include <thread>
 
+#include "common/result_codes.h"
 #include "platform/common_http_resource.h"
 #include "platform/diagnosis.h"
 #include "platform/dlog.h"
@@ -77,7 +79,7 @@ TEST_F(Platform, DebugLogWritesOneStampedRecordPerCallMakingItsDirectories) {
                                  std::regex("\\.[0-9]{3} platform_test\\[" +
                                             std::to_string(getpid()) + "\\]: first 1\n")));
     ASSERT_EQ(close(creat("file", 0644)), 0);
-    EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -1);
+    EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -ENOTDIR);
 }
 
 TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
@@ -122,7 +124,7 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
     close(STDIN_FILENO);
     std::ofstream("marker") << "kept";
-    EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -1);
+    EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -ENOENT);
     EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
 }
 
@@ -145,7 +147,8 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
         EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
         EXPECT_EQ(buffer, expected);
         EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
-                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), -2);
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer),
+                  2 * RESULT_NOT_FOUND);
         EXPECT_EQ(buffer, expected);
         json_object_put(object);
     }
