@@ -26,6 +26,7 @@
 #include "common/print_log.h"
 #include "common/result_codes.h"
 #include "control/control_runs.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "platform/common_http_resource.h"
 #include "platform/utils.h"
@@ -263,4 +264,4 @@ void* service_cmd_thread(void* argument) {
 }
 
 common_http_resource services_resource("/managerService/services", nullptr,
-                                       proc_services_post, nullptr, nullptr);
+                                       guarded<proc_services_post>, nullptr, nullptr);

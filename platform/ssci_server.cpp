@@ -12,6 +12,9 @@
 // connection, and the listener thread then sends it. While suspended, the
 // request's state belongs to the worker; libmicrohttpd's resume is what
 // hands it back.
+// Handlers catch what they may throw themselves (endpoints/handler_guard.h)
+// and answer null, sent as 500. The catches here are only the last guard:
+// no exception may reach libmicrohttpd's C code or end a relay worker.
 #include "platform/ssci_server.h"
 
 #include <malloc.h>
@@ -288,7 +291,8 @@ MHD_Result send_response(MHD_Connection* connection, request_state* state,
     return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
 }
 
-// The handler's reply, or null when it failed.
+// The handler's reply, or null when it failed (the last guard: handlers
+// catch at their own boundary).
 std::shared_ptr<httpserver::http_response> reply_of(http_handler handler,
                                                     const httpserver::http_request& request) {
     try {
