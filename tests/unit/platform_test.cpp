@@ -15,11 +15,13 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <new>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include "common/result_codes.h"
+#include "endpoints/handler_guard.h"
 #include "platform/common_http_resource.h"
 #include "platform/diagnosis.h"
 #include "platform/dlog.h"
@@ -233,6 +235,18 @@ TEST_F(Platform, RelayPoolRefusesAJobWhenNoWorkerCanBeMade) {
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
     return std::make_shared<httpserver::string_response>();
+}
+
+const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver::http_request&) {
+    throw std::bad_alloc();
+}
+
+// What a handler throws stays in its module: the guarded handler answers
+// null, which the server sends as 500; a reply passes through as it is.
+TEST_F(Platform, GuardedHandlersAnswerNullInsteadOfThrowing) {
+    const httpserver::http_request request("GET", "/a", {}, {}, "");
+    EXPECT_EQ(guarded<out_of_memory>(request), nullptr);
+    EXPECT_NE(guarded<reply>(request), nullptr);
 }
 
 bool head_below_files(const std::string& path) {
