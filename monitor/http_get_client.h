@@ -37,8 +37,10 @@ long long build_get_url(const char* host, int port, const char* path, const char
 
 // libcurl write callback: appends size * count bytes to the std::string
 // given as user pointer and returns that count, or 0 (which ends the
-// transfer) when the string would grow past HTTP_GET_MAX_REPLY.
-std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count, void* user);
+// transfer) when the string would grow past HTTP_GET_MAX_REPLY or memory
+// runs out.
+std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count,
+                                 void* user) noexcept;
 
 // GETs http://host:port/path?query within HTTP_GET_TIMEOUT_SECONDS and
 // appends the reply body to *response (never cleared here). Returns one of

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "platform/loopback.h"
@@ -212,13 +213,18 @@ int ssci_parse_service_address(const std::string& reply, std::string& host, int&
     return status;
 }
 
-std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count, void* reply) {
+std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count,
+                               void* reply) noexcept {
     std::string* text = static_cast<std::string*>(reply);
     const std::size_t room = SSCI_REPLY_LIMIT - text->size();
     if (size != 0 && count > room / size) {
         return 0;
     }
-    text->append(data, size * count);
+    try {
+        text->append(data, size * count);
+    } catch (const std::bad_alloc&) {  // libcurl is C: end the transfer instead
+        return 0;
+    }
     return size * count;
 }
 

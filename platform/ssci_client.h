@@ -59,7 +59,8 @@ int ssci_build_url(const std::string& host, int port, const char* path,
 int ssci_parse_service_address(const std::string& reply, std::string& host, int& port);
 
 // libcurl write callback: appends to the std::string at `reply` and refuses
-// (returns 0) once the total would pass SSCI_REPLY_LIMIT.
-std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count, void* reply);
+// (returns 0) once the total would pass SSCI_REPLY_LIMIT or memory runs out.
+std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count,
+                               void* reply) noexcept;
 
 #endif
