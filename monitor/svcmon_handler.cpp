@@ -195,7 +195,8 @@ const std::shared_ptr<httpserver::http_response> history_not_asked(
     return json_reply(new_reply_object(SVCMON_HISTORY_FAILED));
 }
 
-const relay_marking history_relay = {is_history_request, guarded<history_not_asked>};
+const relay_marking history_relay = {guarded_rule<is_history_request, true>,
+                                     guarded<history_not_asked>};
 
 constexpr unsigned HOLD_WAIT_DEFAULT_SECONDS = 30;
 
@@ -236,4 +237,5 @@ bool holds_until_changed(const httpserver::http_request& request, hold_terms* te
 }  // namespace
 
 common_http_resource svcmon_resource(SVCMON_PATH, guarded<proc_svcmon_get>, nullptr, nullptr,
-                                     nullptr, &history_relay, web_page_path, holds_until_changed);
+                                     nullptr, &history_relay, web_page_path,
+                                     guarded_rule<holds_until_changed, false>);
