@@ -2,13 +2,15 @@
 marker, the descriptor limit, stop signals writing the registry back, a
 start without any name resolution, and a start-up that fails."""
 import os
+import re
 import signal
 import socket
 import stat
+import time
 
 import pytest
 
-from harness import BIN, OK, READY_MARKER, REGISTRY_FILE, register
+from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, register
 
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
@@ -42,18 +44,37 @@ def test_command_line(sandbox, args, status, text):
 
 @pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM])
 def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig):
-    daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(512, 8192))
+    """Under umask 0 the files come with their own modes: the registry's as
+    fopen(3) makes it, the rest 0644 in 0755 folders."""
+    started, old_umask = time.asctime(), os.umask(0)
+    try:
+        daemon = sandbox.start("-i", "127.0.0.1", "-t", "3", "-v", "1", nofile=(512, 8192))
+    finally:
+        os.umask(old_umask)
     daemon.wait_ready()
     with open(f"/proc/{daemon.pid}/limits") as limits:
         assert [line.split()[3] for line in limits if line.startswith("Max open files")] == \
             [str(256 + 512 + 2 * 3)]
     assert register(daemon, "svcA") == OK
+    modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in
+             [REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}
+    assert list(modes.values()) == [0o666, 0o644, 0o644, 0o755, 0o755], modes
     sandbox.write(REGISTRY_FILE, "stale\n")
     assert daemon.stop(sig) == 0
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
+    # Where the daemon may not lower its OOM score (no CAP_SYS_RESOURCE) it
+    # says so once; nothing else but the registration is recorded.
+    records = [record.split(": ", 1)[1] for record in sandbox.debug_log().splitlines()]
+    assert [r for r in records if not r.startswith("oom_score_adj not lowered")] == [
+        "ADD : [svcA]=[127.0.0.1:80]"]
     text = daemon.stderr_text()
-    assert (f"listen        : [127.0.0.1:{daemon.port}]\nthread_no     : [3]\n"
-            "verbose_level : [1]\n") in text
+    assert text.startswith(
+        f"==== execute manager_svc ==== \nis_daemon     : [false]\n"
+        f"listen        : [127.0.0.1:{daemon.port}]\nthread_no     : [3]\nverbose_level : [1]\n"
+        "log_file      : [/tmp/.manager_svc.debug]\nhome_path     : [/home/httpd/manager_svc/]\n"
+        "execute_time  : ["), text[:1000]
+    execute_time = re.search(r"\nexecute_time  : \[(.*)\]\n", text)[1]
+    assert execute_time[:11] == started[:11] and re.fullmatch(r"\d\d:\d\d:\d\d \d{4}", execute_time[11:])
     assert text.endswith(f"recv sig={int(sig)}\nmanager_svc exit(EXIT_SUCCESS).\n")
 
 
@@ -78,3 +99,4 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
     assert result.returncode == 1
     assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
     assert not sandbox.exists(READY_MARKER)
+

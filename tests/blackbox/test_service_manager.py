@@ -1,5 +1,8 @@
 """The service-manager resource: each result code of register, get_info and unregister,
-the server's own refusals, and the registry file kept and loaded back across a restart."""
+the server's own refusals, its console lines, and the registry file after each change and
+at stop (loading it at start-up: test_faults.py and the unit tests)."""
+import re
+
 import pytest
 
 from harness import OK, REGISTRY_FILE, SVCMGR, register
@@ -18,7 +21,6 @@ def daemon(module_sandbox):
 # Walked in order against one daemon: method, path, body, status, reply.
 WALK = [
     ("POST", SVCMGR, REGISTER_A, 200, OK),
-    ("POST", SVCMGR, REGISTER_A, 200, OK),
     ("GET", SVCMGR + "?method=get_info&name=svcA", None, 200,
      b'{ "return": 0, "name": "svcA", "ip": "127.0.0.7", "port": 80 }'),
     ("GET", SVCMGR + "?method=get_info&name=nobody", None, 200,
@@ -30,6 +32,7 @@ WALK = [
     ("POST", SVCMGR, '{"method": "register", "name": ""}', 200, b'{ "return": -3 }'),
     ("POST", SVCMGR, '{"method": "unregister", "name": "svcA"}', 200, b'{ "return": -1 }'),
     ("POST", SVCMGR, "not json", 200, b'{ "return": -1 }'),
+    ("POST", SVCMGR, '{"name": "svcA", "ip": "127.0.0.9", "port": 9}', 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=register&name=svcA", None, 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=", None, 200, b'{ "return": -3 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=nobody", None, 200, b'{ "return": -2 }'),
@@ -52,21 +55,32 @@ def test_result_codes(daemon, method, path, body, status, expected):
         assert reply.headers["allow"] == "GET, POST, DELETE"
 
 
-def test_registry_file_follows_every_change_and_loads_back(daemon, module_sandbox):
+def test_registry_file_follows_every_change_and_the_console_tells_each(daemon, module_sandbox):
     assert module_sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.7,80\n"
-    assert (f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
-            in daemon.stderr_text())
-    assert "Already exists, check content : svcA\n    Identical content, do nothing\n" in (
-        daemon.stderr_text())
+    module_sandbox.write(REGISTRY_FILE, b"left alone\n")
+    assert daemon.request("POST", SVCMGR, REGISTER_A).body == OK
+    assert module_sandbox.read(REGISTRY_FILE) == b"left alone\n"
+    for lines in [f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n",
+                  "Already exists, check content : svcA\n    Identical content, do nothing\n",
+                  "get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n",
+                  "param_method=\nparam_name=svcA\nparam_ip=127.0.0.9\nparam_port=9\ndo register \n",
+                  "proc_svcmgr_delete()\nparam_name=svcA\ndo delete\n",
+                  "proc_svcmgr_get()\nfind, do get info : svcA\n", "get info failed : nobody\n",
+                  "can not find, delete failed : nobody\n", "find, do delete : big\n"]:
+        assert lines in daemon.stderr_text()
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK
     assert module_sandbox.read(REGISTRY_FILE) == (b"B,127.0.0.1,1\nb,127.0.0.1,2\n"
                                                   b"svcA,127.0.0.1,81\n")
+
+
+
+def test_stop_writes_the_registry_back_and_releases_each_record(daemon):
     assert daemon.stop() == 0
-    module_sandbox.write(REGISTRY_FILE, b"x,127.0.0.4,5\nbroken\ny,127.0.0.9,7")
-    again = module_sandbox.start().wait_ready()
-    reply = again.request("GET", SVCMGR + "?method=get_info&name=y")
-    assert reply.body == b'{ "return": 0, "name": "y", "ip": "127.0.0.9", "port": 7 }'
-    assert again.stop() == 0
-    assert module_sandbox.read(REGISTRY_FILE) == b"x,127.0.0.4,5\ny,127.0.0.9,7\n"
+    here = "svc_info_map.cpp:svc_info_"
+    tail = (f"recv sig=15\n{here}uninit(136)\n{here}write_back(103)\n{here}write_back(108)\n"
+            f"{here}write_back(116) B,127.0.0.1,1\n{here}write_back(116) b,127.0.0.1,2\n"
+            f"{here}write_back(116) svcA,127.0.0.1,81\n{here}destroy(45)\n"
+            + f"{here}destroy(52) delete(0x@)\n" * 3 + "manager_svc exit(EXIT_SUCCESS).\n")
+    assert re.search(re.escape(tail).replace("@", "[0-9a-f]+") + r"\Z", daemon.stderr_text())

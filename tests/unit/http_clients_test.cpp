@@ -82,7 +82,6 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
         {{found, OK_HEAD + limit + "b"}, RESULT_TOO_LARGE, 0},
         {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, RESULT_PEER_STATUS, 0},
         {{OK_HEAD + R"({"return": -2})"}, RESULT_NOT_FOUND, 0},
-        {{OK_HEAD + R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})"}, RESULT_BAD_ARGUMENT, 0},
     };
     ssci_nameserver_init("localhost", peer.port);
     for (const auto& [answers, result, size] : cases) {
@@ -97,10 +96,36 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
               RESULT_TRANSPORT);
 }
 
+// The name server's answer gives the address: ports 1 to 65535 and a
+// usable host; anything else is refused.
+TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
+    const std::tuple<std::string, int, const char*, int> cases[] = {
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", RESULT_OK, "127.0.0.5", 1},
+        {R"({"return": 0, "ip": "::1", "port": 65535})", RESULT_OK, "::1", 65535},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 0})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 65536})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": "80"})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": -2, "ip": "", "port": 0})", RESULT_NOT_FOUND, "", 0},
+        {R"([0])", RESULT_BAD_ARGUMENT, "", 0},
+    };
+    for (const auto& [answer, result, host, port] : cases) {
+        std::string found_host;
+        int found_port = 0;
+        EXPECT_EQ(ssci_parse_service_address(answer, found_host, found_port), result) << answer;
+        EXPECT_EQ(found_host + ":" + std::to_string(found_port), host + (":" + std::to_string(port)));
+    }
+}
+
 TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
     char url[HTTP_GET_URL_SIZE];
     ASSERT_EQ(build_get_url("127.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
     EXPECT_STREQ(url, "127.0.0.7:7/name/svcmon?a=1");
+    for (const auto& [path, expected] : {std::pair{"/", "h:7//"}, {"//x", "h:7//x"}, {"x", "h:7/x"}}) {
+        ASSERT_EQ(build_get_url("h", 7, path, nullptr, url), HTTP_GET_OK);
+        EXPECT_STREQ(url, expected);
+    }
     const std::string path(500, 'p');  // 1 + 500 + 90 + 433 = 1024 fits
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(433, 'q').c_str(), url), HTTP_GET_OK);
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url),
@@ -128,6 +153,10 @@ TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
         }
         EXPECT_EQ(peer.connection_pending(), connected) << host;
     }
+    std::string full(HTTP_GET_MAX_REPLY, 'b');  // a one-byte piece past the bound fails too
+    char piece = 'b';
+    EXPECT_EQ(curl_write_to_string(&piece, 1, 1, &full), 0u);
+    EXPECT_EQ(full.size(), HTTP_GET_MAX_REPLY);
 }
 
 }  // namespace

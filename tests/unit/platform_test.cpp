@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -19,6 +20,7 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "common/result_codes.h"
 #include "endpoints/handler_guard.h"
@@ -28,6 +30,29 @@
 #include "platform/relay_pool.h"
 #include "platform/request_guard.h"
 #include "platform/utils.h"
+
+namespace {
+
+// While not -1, the real-time clock reads this second (see clock_gettime below).
+volatile time_t fake_realtime = -1;
+
+}  // namespace
+
+// With 64-bit time on a 32-bit target the C library's call has another name.
+#ifdef __USE_TIME64_REDIRECTS
+constexpr char REAL_CLOCK_GETTIME[] = "__clock_gettime64";
+#else
+constexpr char REAL_CLOCK_GETTIME[] = "clock_gettime";
+#endif
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
+    static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, REAL_CLOCK_GETTIME));
+    if (clock != CLOCK_REALTIME || fake_realtime == -1) {
+        return real(clock, now);
+    }
+    *now = {fake_realtime, 0};
+    return 0;
+}
 
 namespace {
 
@@ -93,22 +118,53 @@ TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
     EXPECT_EQ(contents_of("debug.log").find("record 3\n"), record - 9u);
 }
 
+// The record is stamped in UTC from the real-time clock, here set to
+// dates around leap days, year ends and the 32-bit limit.
 TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
     GTEST_FLAG_SET(death_test_style, "fast");  // the child keeps the working directory
-    const std::pair<int, const char*> cases[] = {{SIGSEGV, "SIGSEGV"}, {SIGABRT, "SIGABRT"}};
-    for (const auto& [sig, name] : cases) {
+    const std::tuple<int, const char*, time_t, const char*> cases[] = {
+        {SIGSEGV, "SIGSEGV", 951868799, "2000-02-29 23:59:59"},
+        {SIGABRT, "SIGABRT", 951868800, "2000-03-01 00:00:00"},
+        {SIGABRT, "SIGABRT", 0, "1970-01-01 00:00:00"},
+        {SIGABRT, "SIGABRT", 946684799, "1999-12-31 23:59:59"},
+        {SIGABRT, "SIGABRT", 1769862896, "2026-01-31 12:34:56"},
+        {SIGABRT, "SIGABRT", 2147483647, "2038-01-19 03:14:07"},
+    };
+    for (const auto& [sig, name, seconds, stamp] : cases) {
         const std::size_t before = contents_of("crash/crash.log").size();
-        const std::string date = now_as("%F", gmtime_r);
+        fake_realtime = seconds;
         EXPECT_EXIT((diagnosis_com_install_siganl_handler(sig, "crash_prog", nullptr), raise(sig)),
                     ::testing::KilledBySignal(sig), "");
+        fake_realtime = -1;
         const std::string record = contents_of("crash/crash.log").substr(before);
         EXPECT_TRUE(std::regex_search(
-            record, std::regex("^(" + date + "|" + now_as("%F", gmtime_r) +
-                               ") [0-9:]{8} UTC crash_prog\\[[0-9]+\\]: crash: signal " +
+            record, std::regex("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
                                std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}")))
             << record;
         EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
     }
+}
+
+// Recurses until the stack runs out; the volatile frame keeps every call.
+volatile int recursion_limit = INT_MAX;
+int exhaust_stack(int depth) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(depth);
+    return depth < recursion_limit ? exhaust_stack(depth + 1) + frame[0] : 0;
+}
+
+// A stack overflow on the installing thread is recorded all the same (the
+// handler runs on its own stack). Sanitizers handle an overflow themselves.
+TEST_F(PlatformDeathTest, CrashHandlerRecordsAStackOverflow) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer reports the overflow itself";
+#endif
+    GTEST_FLAG_SET(death_test_style, "fast");
+    const std::size_t before = contents_of("crash/crash.log").size();
+    EXPECT_EXIT((diagnosis_com_install_siganl_handler(SIGSEGV, "deep", nullptr), exhaust_stack(0)),
+                ::testing::KilledBySignal(SIGSEGV), "");
+    EXPECT_NE(contents_of("crash/crash.log").find("crash: signal 11 (SIGSEGV), backtrace:\n", before),
+              std::string::npos);
 }
 
 volatile sig_atomic_t caught_signal = 0;
@@ -217,20 +273,27 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 namespace {
 
 // A job that no worker can run is refused at once and leaves nothing in
-// the queue: the next job runs, alone.
-TEST_F(Platform, RelayPoolRefusesAJobWhenNoWorkerCanBeMade) {
+// the queue; while a worker is busy and no thread can be made, the next
+// job waits for that worker instead.
+TEST_F(Platform, RelayPoolRefusesAJobOnlyWhenNoWorkerCanRunIt) {
     job_counts jobs;
-    jobs.gate.set_value();
     relay_pool_start();
     poll_until([] { return relay_pool_worker_count() == 0; });
-    threads_refused = true;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    threads_refused = false;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    poll_until([&jobs] { return jobs.finished == 1; });
-    relay_pool_stop();
-    EXPECT_EQ(jobs.refused_here + jobs.finished, 2u);
+    const auto submit = [&jobs](bool refused) {
+        threads_refused = refused;
+        relay_pool_submit(std::make_unique<gated_job>(jobs));
+        threads_refused = false;
+    };
+    submit(true);
     EXPECT_EQ(jobs.refused_here, 1u);
+    submit(false);
+    poll_until([&jobs] { return jobs.running == 1; });
+    submit(true);
+    EXPECT_EQ(jobs.refused_here, 1u);
+    jobs.gate.set_value();
+    poll_until([&jobs] { return jobs.finished == 2; });
+    relay_pool_stop();
+    EXPECT_EQ(jobs.finished, 2u);
 }
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {

@@ -23,13 +23,15 @@
 
 namespace {
 
-// While armed, the file system has no free block (when `full`), and write(2)
-// on the registry file is recorded (sizes asked, first bytes) and takes at
-// most `per_call` bytes; after `calls_left` calls it fails with ENOSPC.
+// While armed, the file system has no free block (when `full`), write(2)
+// and ftruncate(2) on the registry file are recorded in order ("write" and
+// the size asked, "cut" and the length; the first write's bytes too), and a
+// write takes at most `per_call` bytes; after `calls_left` calls it fails
+// with ENOSPC.
 struct write_plan {
     bool armed = false, full = false;
     std::size_t per_call = SIZE_MAX, calls_left = SIZE_MAX;
-    std::vector<std::size_t> asked;
+    std::vector<std::string> calls;
     std::string first;
 } plan;
 
@@ -75,10 +77,17 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
     if (!plan.armed || !is_registry_file(fd)) {
         return syscall(SYS_write, fd, data, size);
     }
-    plan.first += plan.asked.empty() ? std::string(static_cast<const char*>(data), size) : "";
-    plan.asked.push_back(size);
+    plan.first += plan.first.empty() ? std::string(static_cast<const char*>(data), size) : "";
+    plan.calls.push_back("write " + std::to_string(size));
     errno = ENOSPC;
     return plan.calls_left-- == 0 ? -1 : syscall(SYS_write, fd, data, std::min(size, plan.per_call));
+}
+
+extern "C" int ftruncate(int fd, off_t length) {
+    if (plan.armed && is_registry_file(fd)) {
+        plan.calls.push_back("cut " + std::to_string(length));
+    }
+    return static_cast<int>(syscall(SYS_ftruncate, fd, length));
 }
 
 extern "C" int fstatvfs(int fd, struct statvfs* space) {
@@ -136,34 +145,62 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
 }
 
 // Old size (the new content, then "o"s), whether the disk is full, bytes
-// taken per write, writes before ENOSPC, the writes asked for, and the bytes
-// of the new content then in the file. A longer old content is covered by
-// padding in the one write, then cut (padding a crash leaves loads as
-// nothing); a failed write never leaves half a line; no room: old kept.
+// taken per write, writes before ENOSPC, the writes and cuts asked for, the
+// bytes of the new content then in the file, and the debug-log records. A
+// longer old content is covered by padding in the one write, then cut
+// (padding a crash leaves loads as nothing; the file is never empty on the
+// way), unless it is far longer (cut first, never padded); a failed write
+// never leaves half a line; no room: old kept.
 TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
-    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::size_t>, std::size_t> cases[] = {
-        {12000, false, SIZE_MAX, SIZE_MAX, {12000}, 10100},
-        {4, false, 4000, SIZE_MAX, {10100, 6100, 2100}, 10100},
-        {4, false, 4000, 1, {10100, 6100}, 39 * 101},
-        {4, true, SIZE_MAX, SIZE_MAX, {}, 4},
+    const std::string failed = "svc_info_map.cpp:svc_info_write_back(", file = REGISTRY_FILE_PATH;
+    const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::string>, std::size_t,
+                     std::vector<std::string>> cases[] = {
+        {12000, false, SIZE_MAX, SIZE_MAX, {"write 12000", "cut 10100"}, 10100, {}},
+        {300000, false, SIZE_MAX, SIZE_MAX, {"cut 0", "write 10100"}, 10100, {}},
+        {4, false, 4000, SIZE_MAX, {"write 10100", "write 6100", "write 2100"}, 10100, {}},
+        {4, false, 4000, 1, {"write 10100", "write 6100", "cut 3939"}, 39 * 101,
+         {failed + "123) write(" + file + ") error(28).",
+          failed + "121) 3939 of 10100 bytes kept in " + file + ", cut at a line end."}},
+        {4, true, SIZE_MAX, SIZE_MAX, {}, 4,
+         {failed + "120) no space for 10100 bytes in " + file + ", old content kept."}},
     };
-    for (const auto& [old_size, full, per_call, calls_left, asked, kept] : cases) {
+    for (const auto& [old_size, full, per_call, calls_left, asked, kept, records] : cases) {
         reset();
         for (int index = 0; index < 100; index++) {
             add("s" + std::to_string(1000 + index), std::string(92, '1'));  // 101-byte lines
         }
         const std::string content = registry_text();
-        write_file(REGISTRY_FILE_PATH, (content + std::string(2000, 'o')).substr(0, old_size));
+        write_file(REGISTRY_FILE_PATH, (content + std::string(old_size, 'o')).substr(0, old_size));
+        const std::size_t logged = read_file(DEBUG_LOG_PATH).size();
         plan = write_plan{true, full, per_call, calls_left, {}, {}};
         svc_info_write_back();
         plan.armed = false;
-        EXPECT_EQ(asked, plan.asked);
+        EXPECT_EQ(asked, plan.calls);
         EXPECT_EQ(content.substr(0, kept), read_file(REGISTRY_FILE_PATH));
+        std::istringstream log(read_file(DEBUG_LOG_PATH).substr(logged));
+        std::vector<std::string> written;
+        for (std::string record; std::getline(log, record);) {
+            written.push_back(record.substr(record.find(": ") + 2));
+        }
+        EXPECT_EQ(records, written);
         write_file(REGISTRY_FILE_PATH, plan.first);
         svc_info_destroy();
         svc_info_init();
         EXPECT_EQ(full ? "" : content, registry_text());
     }
+}
+
+// Names in byte order, the shorter prefix first, bytes taken as unsigned:
+// in the list and in the file alike; a file line is cut at 126 characters.
+TEST_F(registry_test, NamesAreKeptInByteOrder) {
+    const std::string longest(130, '~');
+    for (const std::string& name : {std::string("\xe9"), longest, std::string("b"), std::string("abc"),
+                                    std::string("B"), std::string("ab"), std::string("a")}) {
+        add(name, "127.0.0.1");
+    }
+    const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
+    EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", read_file(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails
