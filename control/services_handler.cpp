@@ -31,7 +31,9 @@
 
 #include "common/device_paths.h"
 #include "common/print_log.h"
+#include "common/result_codes.h"
 #include "control/control_runs.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "platform/common_http_resource.h"
 #include "platform/utils.h"
@@ -155,26 +157,27 @@ void start_service_command(const service_action& action) {
 }
 
 // Starts "/bin/sh -c <command>" with its output on a pipe: 0 with the
-// shell's pid and the pipe's reading end (non-blocking), or an errno.
+// shell's pid and the pipe's reading end (non-blocking), or the failed
+// call's errno, negated.
 int spawn_shell(const char* command, pid_t* shell, int* output) {
     int pipe_ends[2];
     if (pipe2(pipe_ends, O_CLOEXEC) != 0) {
-        return errno;
+        return -errno;
     }
     const pid_t child = fork();
     if (child == 0) {
         become_shell(command, pipe_ends[1]);
     }
-    const int error = child < 0 ? errno : 0;
+    const int result = child < 0 ? -errno : RESULT_OK;
     close(pipe_ends[1]);
-    if (error != 0) {
+    if (result != RESULT_OK) {
         close(pipe_ends[0]);
-        return error;
+        return result;
     }
     fcntl(pipe_ends[0], F_SETFL, O_NONBLOCK);
     *shell = child;
     *output = pipe_ends[0];
-    return 0;
+    return RESULT_OK;
 }
 
 // Keeps the last CONTROL_OUTPUT_KEPT bytes of what can be read now; false
@@ -252,12 +255,12 @@ void* service_cmd_thread(void* argument) {
     unsigned long long run = control_run_begin(method, job->command);
     pid_t shell = 0;
     int output = -1;
-    int error = spawn_shell(job->command, &shell, &output);
+    const int started = spawn_shell(job->command, &shell, &output);
     std::string tail;
     int wait_status = 0;
-    if (error != 0) {
-        debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, error);
-        control_run_ended_without_status(run, method, strerror(error), tail);
+    if (started != RESULT_OK) {
+        debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, -started);
+        control_run_ended_without_status(run, method, strerror(-started), tail);
     } else if (collect_shell(shell, output, tail, &wait_status)) {
         control_run_exited(run, method, wait_status, tail);
     } else {
@@ -268,4 +271,4 @@ void* service_cmd_thread(void* argument) {
 }
 
 common_http_resource services_resource("/managerService/services", nullptr,
-                                       proc_services_post, nullptr, nullptr);
+                                       guarded<proc_services_post>, nullptr, nullptr);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "common/print_log.h"
 
@@ -99,14 +100,19 @@ long long build_get_url(const char* host, int port, const char* path, const char
     return HTTP_GET_OK;
 }
 
-std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count, void* user) {
+std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count,
+                                 void* user) noexcept {
     std::string* response = static_cast<std::string*>(user);
     std::size_t room = HTTP_GET_MAX_REPLY - std::min(response->size(), HTTP_GET_MAX_REPLY);
     if (size != 0 && count > room / size) {
         return 0;
     }
     std::size_t bytes = size * count;
-    response->append(static_cast<const char*>(data), bytes);
+    try {
+        response->append(static_cast<const char*>(data), bytes);
+    } catch (const std::bad_alloc&) {  // libcurl is C: end the transfer instead
+        return 0;
+    }
     return bytes;
 }
 

@@ -10,7 +10,10 @@
 #include <string>
 
 // Result codes of do_curl_GET_request; besides these, the peer's status
-// itself for 302, 400, 401, 403, 404 and 405.
+// itself for 302, 400, 401, 403, 404 and 405. The history request prints
+// the code on the console ("do_curl_GET_request = %lld"), so these numbers
+// are what its readers know and stay as they are (positive, unlike the
+// internal codes of result_codes.h).
 constexpr long long HTTP_GET_OK = 0;            // the peer answered 200
 constexpr long long HTTP_GET_TOO_LONG = 1;      // host, path and query too long
 constexpr long long HTTP_GET_NO_HANDLE = 2;     // libcurl gave no easy handle
@@ -34,8 +37,10 @@ long long build_get_url(const char* host, int port, const char* path, const char
 
 // libcurl write callback: appends size * count bytes to the std::string
 // given as user pointer and returns that count, or 0 (which ends the
-// transfer) when the string would grow past HTTP_GET_MAX_REPLY.
-std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count, void* user);
+// transfer) when the string would grow past HTTP_GET_MAX_REPLY or memory
+// runs out.
+std::size_t curl_write_to_string(void* data, std::size_t size, std::size_t count,
+                                 void* user) noexcept;
 
 // GETs http://host:port/path?query within HTTP_GET_TIMEOUT_SECONDS and
 // appends the reply body to *response (never cleared here). Returns one of

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "control/control_runs.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "monitor/prober.h"
 #include "platform/common_http_resource.h"
@@ -203,4 +204,5 @@ const std::shared_ptr<httpserver::http_response> proc_metrics_get(
     return make_ssci_response(metrics_text(), HTTP_STATUS_OK, METRICS_CONTENT_TYPE);
 }
 
-common_http_resource metrics_resource(METRICS_PATH, proc_metrics_get, nullptr, nullptr, nullptr);
+common_http_resource metrics_resource(METRICS_PATH, guarded<proc_metrics_get>, nullptr, nullptr,
+                                      nullptr);

@@ -25,6 +25,7 @@
 
 #include "common/print_log.h"
 #include "control/control_runs.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "monitor/http_get_client.h"
 #include "monitor/prober.h"
@@ -194,7 +195,8 @@ const std::shared_ptr<httpserver::http_response> history_not_asked(
     return json_reply(new_reply_object(SVCMON_HISTORY_FAILED));
 }
 
-const relay_marking history_relay = {is_history_request, history_not_asked};
+const relay_marking history_relay = {guarded_rule<is_history_request, true>,
+                                     guarded<history_not_asked>};
 
 constexpr unsigned HOLD_WAIT_DEFAULT_SECONDS = 30;
 
@@ -234,5 +236,6 @@ bool holds_until_changed(const httpserver::http_request& request, hold_terms* te
 
 }  // namespace
 
-common_http_resource svcmon_resource(SVCMON_PATH, proc_svcmon_get, nullptr, nullptr, nullptr,
-                                     &history_relay, web_page_path, holds_until_changed);
+common_http_resource svcmon_resource(SVCMON_PATH, guarded<proc_svcmon_get>, nullptr, nullptr,
+                                     nullptr, &history_relay, web_page_path,
+                                     guarded_rule<holds_until_changed, false>);

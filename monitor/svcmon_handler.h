@@ -11,7 +11,9 @@
 #include "monitor/web_pages.h"
 #include "platform/httpserver.h"
 
-// The monitor's "return" codes (the registry's -2 is passed through).
+// The monitor's "return" codes (the registry's -2 is passed through): the
+// numbers that the monitor page and the device's clients read, fixed here
+// and never reused for anything else (internal calls use result_codes.h).
 constexpr int SVCMON_OK = 0;
 constexpr int SVCMON_UNKNOWN_METHOD = -1;
 constexpr int SVCMON_BAD_PATH = -4;

@@ -21,9 +21,11 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <sstream>
 
 #include "common/print_log.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 
 char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
@@ -198,7 +200,8 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 }
 
 // The file itself, or 304 when the client has it already; both with the
-// page's length and validators. The reply owns the descriptor.
+// page's length and validators. The reply owns the descriptor; null (the
+// descriptor closed) when memory runs out before it does.
 std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
                                                       int fd, const struct stat& info,
                                                       const std::string& abs_path) {
@@ -211,9 +214,9 @@ std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_req
             fd, static_cast<std::uint64_t>(info.st_size),
             unchanged ? HTTP_STATUS_NOT_MODIFIED : HTTP_STATUS_OK,
             unchanged ? "" : web_content_type(abs_path));
-    } catch (...) {  // no reply owns the descriptor yet
+    } catch (const std::exception&) {  // no reply owns the descriptor yet
         close(fd);
-        throw;
+        return nullptr;
     }
     reply->with_header(HEADER_ETAG, etag);
     reply->with_header(HEADER_LAST_MODIFIED, http_date(info.st_mtim.tv_sec));
@@ -242,6 +245,20 @@ std::shared_ptr<httpserver::http_response> web_reply(const httpserver::http_requ
     return page_reply(request, fd, info, str_abs_path);
 }
 
+// The web reply with the headers that forbid framing it.
+const std::shared_ptr<httpserver::http_response> framed_web_reply(
+    const httpserver::http_request& request) {
+    print_log(DEBUG, "%s()\n", "proc_web_service");
+    std::shared_ptr<httpserver::http_response> reply = web_reply(request);
+    if (!reply) {
+        return nullptr;
+    }
+    for (const auto& header : FRAMING_HEADERS) {
+        reply->with_header(header[0], header[1]);
+    }
+    return reply;
+}
+
 }  // namespace
 
 void svcmon_set_home_path(const char* path) {
@@ -254,11 +271,6 @@ bool web_page_path(const std::string& request_path) {
 }
 
 std::shared_ptr<httpserver::http_response> proc_web_service(
-    const httpserver::http_request& request) {
-    print_log(DEBUG, "%s()\n", "proc_web_service");
-    std::shared_ptr<httpserver::http_response> reply = web_reply(request);
-    for (const auto& header : FRAMING_HEADERS) {
-        reply->with_header(header[0], header[1]);
-    }
-    return reply;
+    const httpserver::http_request& request) noexcept {
+    return guarded<framed_web_reply>(request);
 }

@@ -28,8 +28,8 @@ bool web_page_path(const std::string& request_path);
 // The reply for a request below WEB_PREFIX: a redirect to the start page
 // for the bare prefix (with or without "/"), the file with its validators,
 // 304 when the request's validators match it, or the 404 page; each one
-// forbids framing.
+// forbids framing. Null when memory runs out (the server then answers 500).
 std::shared_ptr<httpserver::http_response> proc_web_service(
-    const httpserver::http_request& request);
+    const httpserver::http_request& request) noexcept;
 
 #endif

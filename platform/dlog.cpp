@@ -18,6 +18,8 @@
 #include <mutex>
 #include <string>
 
+#include "common/result_codes.h"
+
 namespace {
 
 // Longest record; a longer message is cut (the line feed is kept).
@@ -61,11 +63,14 @@ int append_record(const char* path, const char* record, std::size_t length) {
         fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, LOG_FILE_MODE);
     }
     if (fd < 0) {
-        return -1;
+        return -errno;
     }
     ssize_t written = write(fd, record, length);
+    const int result = written < 0                                    ? -errno
+                       : written == static_cast<ssize_t>(length) ? RESULT_OK
+                                                                 : RESULT_IO;
     close(fd);
-    return written == static_cast<ssize_t>(length) ? 0 : -1;
+    return result;
 }
 
 }  // namespace
@@ -76,10 +81,10 @@ extern "C" int dlog_make_parent_dirs(const char* path) {
          slash = dirs.find('/', slash + 1)) {
         std::string dir = dirs.substr(0, slash);
         if (mkdir(dir.c_str(), LOG_DIR_MODE) != 0 && errno != EEXIST) {
-            return -1;
+            return -errno;
         }
     }
-    return 0;
+    return RESULT_OK;
 }
 
 extern "C" int log_File_Debug_s(const char* path, int size_limit, const char* format, ...) {

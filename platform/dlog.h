@@ -7,14 +7,16 @@ extern "C" {
 // Appends "<time> <program>[<pid>]: <message>\n" to `path`, creating its
 // directories. When the file would pass `size_limit` bytes it is first
 // renamed to "<path>.1" (replacing an older one). Safe from any thread.
-// Returns 0, or -1 when the record could not be written.
+// Returns RESULT_OK (common/result_codes.h), or when the record could not
+// be written the failed call's errno, negated (RESULT_IO: a short write).
 int log_File_Debug_s(const char* path, int size_limit, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // Creates every missing directory above the file named by `path`, as the
 // first record would. For callers that must later open the file where
 // creating directories is not allowed (a crash handler).
-// Returns 0, or -1 when a directory could not be made.
+// Returns RESULT_OK, or mkdir's errno, negated, when a directory could not
+// be made.
 int dlog_make_parent_dirs(const char* path);
 }
 

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "platform/loopback.h"
@@ -75,12 +76,12 @@ std::string query_string(const query_object* query) {
 int result_of_transfer(CURLcode code, long status) {
     switch (code) {
     case CURLE_OK:
-        return status == HTTP_OK ? SSCI_OK : SSCI_ERR_STATUS;
+        return status == HTTP_OK ? RESULT_OK : RESULT_PEER_STATUS;
     case CURLE_WRITE_ERROR:
     case CURLE_FILESIZE_EXCEEDED:
-        return SSCI_ERR_TOO_LARGE;
+        return RESULT_TOO_LARGE;
     default:
-        return SSCI_ERR_TRANSPORT;
+        return RESULT_TRANSPORT;
     }
 }
 
@@ -105,7 +106,7 @@ void set_transfer_options(CURL* curl, const std::string& url, long time_limit,
 int http_get(const std::string& url, long time_limit, std::string& reply) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) {
-        return SSCI_ERR_TRANSPORT;
+        return RESULT_TRANSPORT;
     }
     std::string received;
     set_transfer_options(curl, url, time_limit, &received);
@@ -114,7 +115,7 @@ int http_get(const std::string& url, long time_limit, std::string& reply) {
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_cleanup(curl);
     const int result = result_of_transfer(code, status);
-    if (result == SSCI_OK) {
+    if (result == RESULT_OK) {
         reply.swap(received);
     }
     return result;
@@ -133,13 +134,13 @@ int lookup_service(const char* name, long time_limit, std::string& host, int& po
     std::string url;
     int result = lookup_url(name, url);
     std::string reply;
-    if (result == SSCI_OK) {
+    if (result == RESULT_OK) {
         result = http_get(url, time_limit, reply);
     }
-    return result == SSCI_OK ? ssci_parse_service_address(reply, host, port) : result;
+    return result == RESULT_OK ? ssci_parse_service_address(reply, host, port) : result;
 }
 
-// The members of a get_info answer, or SSCI_ERR_ARGUMENT.
+// The members of a get_info answer, or RESULT_BAD_ARGUMENT.
 int read_address_members(json_object* answer, std::string& host, int& port) {
     json_object* ip = nullptr;
     json_object* port_member = nullptr;
@@ -147,16 +148,16 @@ int read_address_members(json_object* answer, std::string& host, int& port) {
         !json_object_is_type(ip, json_type_string) ||
         !json_object_object_get_ex(answer, "port", &port_member) ||
         !json_object_is_type(port_member, json_type_int)) {
-        return SSCI_ERR_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     const int64_t port_value = json_object_get_int64(port_member);
     const std::string ip_text = json_object_get_string(ip);
     if (port_value < 1 || port_value > MAX_PORT || !is_usable_host(ip_text)) {
-        return SSCI_ERR_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     host = ip_text;
     port = static_cast<int>(port_value);
-    return SSCI_OK;
+    return RESULT_OK;
 }
 
 }  // namespace
@@ -187,38 +188,43 @@ int ssci_build_url(const std::string& host, int port, const char* path,
                    const query_object* query, std::string& url) {
     if (!is_usable_host(host) || port < 1 || port > MAX_PORT || path == nullptr ||
         path[0] != '/') {
-        return SSCI_ERR_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     const bool ipv6 = host.find(':') != std::string::npos;
     url = std::string("http://") + (ipv6 ? "[" + host + "]" : host) + ":" +
           std::to_string(port) + path + query_string(query);
-    return SSCI_OK;
+    return RESULT_OK;
 }
 
 int ssci_parse_service_address(const std::string& reply, std::string& host, int& port) {
     json_object* answer = json_tokener_parse(reply.c_str());
     if (answer == nullptr) {
-        return SSCI_ERR_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     json_object* result = nullptr;
-    int status = SSCI_ERR_ARGUMENT;
+    int status = RESULT_BAD_ARGUMENT;
     if (json_object_is_type(answer, json_type_object) &&
         json_object_object_get_ex(answer, "return", &result) &&
         json_object_is_type(result, json_type_int)) {
         status = json_object_get_int64(result) == 0 ? read_address_members(answer, host, port)
-                                                   : SSCI_ERR_NOT_FOUND;
+                                                   : RESULT_NOT_FOUND;
     }
     json_object_put(answer);
     return status;
 }
 
-std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count, void* reply) {
+std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count,
+                               void* reply) noexcept {
     std::string* text = static_cast<std::string*>(reply);
     const std::size_t room = SSCI_REPLY_LIMIT - text->size();
     if (size != 0 && count > room / size) {
         return 0;
     }
-    text->append(data, size * count);
+    try {
+        text->append(data, size * count);
+    } catch (const std::bad_alloc&) {  // libcurl is C: end the transfer instead
+        return 0;
+    }
     return size * count;
 }
 
@@ -226,14 +232,14 @@ int ssci_GET_request(const char* name, const char* path, query_object* query,
                      std::string& body, long time_limit, bool, int, char**) {
     body.clear();
     if (name == nullptr) {
-        return SSCI_ERR_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     std::string host;
     int port = 0;
     int result = lookup_service(name, time_limit, host, port);
     std::string url;
-    if (result == SSCI_OK) {
+    if (result == RESULT_OK) {
         result = ssci_build_url(host, port, path, query, url);
     }
-    return result == SSCI_OK ? http_get(url, time_limit, body) : result;
+    return result == RESULT_OK ? http_get(url, time_limit, body) : result;
 }

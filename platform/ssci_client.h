@@ -9,6 +9,8 @@
 #include <map>
 #include <string>
 
+#include "common/result_codes.h"
+
 // The request arguments of a service-bus call: `args` become the query
 // string of the GET. A GET carries no body, so `text` is not sent.
 struct query_object {
@@ -16,13 +18,12 @@ struct query_object {
     std::string text;
 };
 
-// Result codes of ssci_GET_request and its building blocks.
-constexpr int SSCI_OK = 0;
-constexpr int SSCI_ERR_ARGUMENT = -1;    // null or unusable name, path or address
-constexpr int SSCI_ERR_TRANSPORT = -2;   // no connection, time-out, broken reply
-constexpr int SSCI_ERR_STATUS = -3;      // the peer answered with a status other than 200
-constexpr int SSCI_ERR_TOO_LARGE = -4;   // the reply is longer than SSCI_REPLY_LIMIT
-constexpr int SSCI_ERR_NOT_FOUND = -5;   // the name server does not know the name
+// Results of ssci_GET_request and its building blocks (result_codes.h):
+// RESULT_OK, or RESULT_BAD_ARGUMENT (null or unusable name, path or
+// address), RESULT_TRANSPORT (no connection, time-out, broken reply),
+// RESULT_PEER_STATUS (the peer answered with a status other than 200),
+// RESULT_TOO_LARGE (the reply is longer than SSCI_REPLY_LIMIT),
+// RESULT_NOT_FOUND (the name server does not know the name).
 
 // Largest reply body accepted from the name server or a service.
 constexpr std::size_t SSCI_REPLY_LIMIT = 1024 * 1024;
@@ -46,19 +47,20 @@ int ssci_GET_request(const char* name, const char* path, query_object* query,
 std::string ssci_url_encode(const std::string& text);
 
 // "http://host:port/path?k=v&..." into `url`: an IPv6 host in brackets,
-// query keys and values encoded. SSCI_ERR_ARGUMENT (url untouched) when the
+// query keys and values encoded. RESULT_BAD_ARGUMENT (url untouched) when the
 // host is neither an IP address nor a plain host name, the port is outside
 // 1..65535 or the path does not start with "/".
 int ssci_build_url(const std::string& host, int port, const char* path,
                    const query_object* query, std::string& url);
 
 // Reads the name server's get_info answer: "return" 0, "ip" a usable host,
-// "port" an integer in 1..65535. SSCI_ERR_NOT_FOUND when "return" is not 0,
-// SSCI_ERR_ARGUMENT when the answer is not such an object.
+// "port" an integer in 1..65535. RESULT_NOT_FOUND when "return" is not 0,
+// RESULT_BAD_ARGUMENT when the answer is not such an object.
 int ssci_parse_service_address(const std::string& reply, std::string& host, int& port);
 
 // libcurl write callback: appends to the std::string at `reply` and refuses
-// (returns 0) once the total would pass SSCI_REPLY_LIMIT.
-std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count, void* reply);
+// (returns 0) once the total would pass SSCI_REPLY_LIMIT or memory runs out.
+std::size_t ssci_collect_reply(char* data, std::size_t size, std::size_t count,
+                               void* reply) noexcept;
 
 #endif

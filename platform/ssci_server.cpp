@@ -12,6 +12,9 @@
 // connection, and the listener thread then sends it. While suspended, the
 // request's state belongs to the worker; libmicrohttpd's resume is what
 // hands it back.
+// Handlers catch what they may throw themselves (endpoints/handler_guard.h)
+// and answer null, sent as 500. The catches here are only the last guard:
+// no exception may reach libmicrohttpd's C code or end a relay worker.
 #include "platform/ssci_server.h"
 
 #include <malloc.h>
@@ -288,7 +291,8 @@ MHD_Result send_response(MHD_Connection* connection, request_state* state,
     return state->response->enqueue_response(connection, raw.get()) == MHD_YES ? MHD_YES : MHD_NO;
 }
 
-// The handler's reply, or null when it failed.
+// The handler's reply, or null when it failed (the last guard: handlers
+// catch at their own boundary).
 std::shared_ptr<httpserver::http_response> reply_of(http_handler handler,
                                                     const httpserver::http_request& request) {
     try {
@@ -488,7 +492,7 @@ long long bind_and_listen(const addrinfo* address, int* listen_fd) {
         return status;
     }
     *listen_fd = fd;
-    return SSCI_STATUS_OK;
+    return RESULT_OK;
 }
 
 long long open_listen_socket(const char* host, int port, int* listen_fd) {
@@ -500,7 +504,7 @@ long long open_listen_socket(const char* host, int port, int* listen_fd) {
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* list = nullptr;
     if (getaddrinfo(without_name_lookup(host), service, &hints, &list) != 0 || list == nullptr) {
-        return SSCI_STATUS_NO_ADDRESS;
+        return RESULT_NO_ADDRESS;
     }
     const long long status = bind_and_listen(preferred_address(list), listen_fd);
     freeaddrinfo(list);
@@ -520,28 +524,28 @@ long long ssci_server_create(const char*, const char* ip_addrs, int port, int th
                              const char*, int, bool, int, std::string) {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
     if (g_server.phase != server_phase::absent) {
-        return SSCI_STATUS_OUT_OF_ORDER;
+        return RESULT_OUT_OF_ORDER;
     }
     if (ip_addrs == nullptr || port < 1 || port > MAX_PORT || thread_no < 1) {
-        return SSCI_STATUS_BAD_ARGUMENT;
+        return RESULT_BAD_ARGUMENT;
     }
     // A client that goes away while we write must not end the process.
     signal(SIGPIPE, SIG_IGN);
     int fd = -1;
     const long long status = open_listen_socket(ip_addrs, port, &fd);
-    if (status != SSCI_STATUS_OK) {
+    if (status != RESULT_OK) {
         return status;
     }
     g_server.phase = server_phase::created;
     g_server.listen_fd = fd;
     g_server.thread_count = static_cast<unsigned>(thread_no);
-    return SSCI_STATUS_OK;
+    return RESULT_OK;
 }
 
 long long ssci_server_start() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
     if (g_server.phase != server_phase::created || g_server.listen_fd < 0) {
-        return SSCI_STATUS_OUT_OF_ORDER;
+        return RESULT_OUT_OF_ORDER;
     }
     // One listener thread runs without a pool.
     const intptr_t pool_size = g_server.thread_count > 1 ? g_server.thread_count : 0;
@@ -559,7 +563,7 @@ long long ssci_server_start() {
     mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_FROM_BYTES);
     mallopt(M_ARENA_MAX, THREAD_HEAPS);
     if (!connection_guard_start(limit)) {
-        return SSCI_STATUS_START_FAILED;
+        return RESULT_IO;
     }
     relay_pool_start();
     held_requests_start();
@@ -571,10 +575,10 @@ long long ssci_server_start() {
         connection_guard_stop();
         held_requests_stop();
         relay_pool_stop();
-        return SSCI_STATUS_START_FAILED;
+        return RESULT_IO;
     }
     g_server.phase = server_phase::running;
-    return SSCI_STATUS_OK;
+    return RESULT_OK;
 }
 
 // Takes the listen socket back from libmicrohttpd first, so that stopping
@@ -587,7 +591,7 @@ long long ssci_server_start() {
 long long ssci_server_stop() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
     if (g_server.phase != server_phase::running) {
-        return SSCI_STATUS_OUT_OF_ORDER;
+        return RESULT_OUT_OF_ORDER;
     }
     if (MHD_quiesce_daemon(g_server.daemon) != g_server.listen_fd) {
         g_server.listen_fd = -1;  // MHD_stop_daemon closes it
@@ -602,17 +606,17 @@ long long ssci_server_stop() {
     MHD_stop_daemon(g_server.daemon);
     g_server.daemon = nullptr;
     g_server.phase = server_phase::created;
-    return SSCI_STATUS_OK;
+    return RESULT_OK;
 }
 
 long long ssci_server_destory() {
     std::lock_guard<std::mutex> hold(lifecycle_lock);
     if (g_server.phase != server_phase::created) {
-        return SSCI_STATUS_OUT_OF_ORDER;
+        return RESULT_OUT_OF_ORDER;
     }
     if (g_server.listen_fd >= 0) {
         close(g_server.listen_fd);
     }
     g_server = server_state{};
-    return SSCI_STATUS_OK;
+    return RESULT_OK;
 }

@@ -5,26 +5,21 @@
 #ifndef MANAGER_SVC_SSCI_SERVER_H
 #define MANAGER_SVC_SSCI_SERVER_H
 
+#include <cstddef>
 #include <string>
 
-#include <cerrno>
-#include <cstddef>
+#include "common/result_codes.h"
 
 // Largest request body handed to a handler; a longer one gets 413.
 constexpr std::size_t SSCI_MAX_REQUEST_BODY = 64 * 1024;
 
-// Statuses of the calls below. Failures of the socket calls in
-// ssci_server_create return that call's errno, negated (-EADDRINUSE, ...).
-constexpr long long SSCI_STATUS_OK = 0;
-// A null address, a port outside 1..65535, a thread count below 1.
-constexpr long long SSCI_STATUS_BAD_ARGUMENT = -EINVAL;
-// Called out of order: create twice, start before create, destory while
-// the server runs, and so on.
-constexpr long long SSCI_STATUS_OUT_OF_ORDER = -EPERM;
-// The listen address does not resolve.
-constexpr long long SSCI_STATUS_NO_ADDRESS = -EADDRNOTAVAIL;
-// libmicrohttpd could not start its threads (any count above 0 is tried).
-constexpr long long SSCI_STATUS_START_FAILED = -EIO;
+// Statuses of the calls below (result_codes.h): RESULT_OK, or
+// RESULT_BAD_ARGUMENT (a null address, a port outside 1..65535, a thread
+// count below 1), RESULT_OUT_OF_ORDER (create twice, start before create,
+// destory while the server runs, ...), RESULT_NO_ADDRESS (the listen
+// address does not resolve), RESULT_IO (libmicrohttpd could not start its
+// threads; any count above 0 is tried), or a failed socket call's errno,
+// negated (-EADDRINUSE, ...). Every failure is non-zero.
 
 // Names the debug log that the server records refused relays in (size
 // limit as log_File_Debug_s takes it). Called before ssci_server_start;

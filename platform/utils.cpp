@@ -7,8 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "common/result_codes.h"
 
 constexpr mode_t TOUCHED_FILE_MODE = 0644;
 // A UTF-8 character has at most three bytes after its first.
@@ -23,11 +26,11 @@ bool isValidIpAddress(const char* text) {
 int touch_file(const char* path) {
     int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, TOUCHED_FILE_MODE);
     if (fd < 0) {
-        return -1;
+        return -errno;
     }
     futimens(fd, nullptr);
     close(fd);
-    return 0;
+    return RESULT_OK;
 }
 
 // The member `key` of `object` when it is of `type`, or null.
@@ -66,19 +69,19 @@ int get_json_str_by_key(json_object* object, const char* key, char* buffer,
                         unsigned int size) {
     json_object* member = typed_member(object, key, json_type_string);
     if (member == nullptr || size == 0) {
-        return -1;
+        return RESULT_NOT_FOUND;
     }
     const char* text = json_object_get_string(member);
     const std::size_t length = fitting_length(text, size - 1);
     snprintf(buffer, size, "%.*s", static_cast<int>(length), text);
-    return 0;
+    return RESULT_OK;
 }
 
 int get_json_int_by_key(json_object* object, const char* key, int& value) {
     json_object* member = typed_member(object, key, json_type_int);
     if (member == nullptr) {
-        return -1;
+        return RESULT_NOT_FOUND;
     }
     value = json_object_get_int(member);
-    return 0;
+    return RESULT_OK;
 }

@@ -10,20 +10,21 @@
 bool isValidIpAddress(const char* text);
 
 // Creates the file if it is missing (empty) and updates its times.
-// Returns 0, or -1 when it cannot be created.
+// Returns RESULT_OK (common/result_codes.h), or open's errno, negated,
+// when it cannot be created.
 int touch_file(const char* path);
 
 // Copies the string member `key` of `object` into `buffer` (at most
 // size - 1 bytes, always zero-terminated; a longer text is cut after its
 // last whole UTF-8 character that fits). Leaves the buffer untouched when
 // `object` is not an object, the member is absent or not a string.
-// Returns 0 when copied, -1 otherwise.
+// Returns RESULT_OK when copied, RESULT_NOT_FOUND otherwise.
 int get_json_str_by_key(json_object* object, const char* key, char* buffer,
                         unsigned int size);
 
 // Stores the integer member `key` of `object` in `value`. Leaves it
 // untouched when the member is absent or not an integer.
-// Returns 0 when stored, -1 otherwise.
+// Returns RESULT_OK when stored, RESULT_NOT_FOUND otherwise.
 int get_json_int_by_key(json_object* object, const char* key, int& value);
 
 #endif

@@ -11,7 +11,10 @@
 #include <string>
 #include <vector>
 
-// Result codes of the registry operations.
+// Result codes of the registry operations. They are also the "return"
+// member of the registry's and the monitor's replies, so these numbers are
+// the device's clients' to read and never change (the daemon's internal
+// calls use result_codes.h instead).
 constexpr int SVC_INFO_OK = 0;
 constexpr int SVC_INFO_NO_SUCH_NAME = -2;
 constexpr int SVC_INFO_EMPTY_NAME = -3;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/print_log.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "platform/common_http_resource.h"
 #include "platform/utils.h"
@@ -103,5 +104,6 @@ const std::shared_ptr<httpserver::http_response> proc_svcmgr_delete(
     return json_reply(new_reply_object(result));
 }
 
-common_http_resource svcmgr_resource("/managerService/svcmgr", proc_svcmgr_get,
-                                     proc_svcmgr_post, nullptr, proc_svcmgr_delete);
+common_http_resource svcmgr_resource("/managerService/svcmgr", guarded<proc_svcmgr_get>,
+                                     guarded<proc_svcmgr_post>, nullptr,
+                                     guarded<proc_svcmgr_delete>);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/print_log.h"
+#include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 #include "platform/common_http_resource.h"
 #include "platform/ssci_client.h"
@@ -43,9 +44,9 @@ const std::shared_ptr<httpserver::http_response> sys_state_not_asked(
 }
 
 // Every request of the resource waits on the service.
-const relay_marking sys_state_relay = {nullptr, sys_state_not_asked};
+const relay_marking sys_state_relay = {nullptr, guarded<sys_state_not_asked>};
 
 }  // namespace
 
-common_http_resource sys_state_resource("/managerService/sys_state", proc_sys_state_get,
+common_http_resource sys_state_resource("/managerService/sys_state", guarded<proc_sys_state_get>,
                                         nullptr, nullptr, nullptr, &sys_state_relay);

@@ -65,7 +65,7 @@ TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     args.args["k/ "] = "aZ09-._~&=\xC3\xA9";
     for (const auto& [host, port, path, expected] : cases) {
         std::string url;
-        const int result = expected.empty() ? SSCI_ERR_ARGUMENT : SSCI_OK;
+        const int result = expected.empty() ? RESULT_BAD_ARGUMENT : RESULT_OK;
         EXPECT_EQ(ssci_build_url(host, port, path, &args, url), result) << host;
         EXPECT_EQ(url, expected) << host;
     }
@@ -78,10 +78,10 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
                               std::to_string(peer.port) + "}";
     const std::string limit(SSCI_REPLY_LIMIT, 'b');
     const std::tuple<std::vector<std::string>, int, std::size_t> cases[] = {
-        {{found, OK_HEAD + limit}, SSCI_OK, SSCI_REPLY_LIMIT},
-        {{found, OK_HEAD + limit + "b"}, SSCI_ERR_TOO_LARGE, 0},
-        {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, SSCI_ERR_STATUS, 0},
-        {{OK_HEAD + R"({"return": -2})"}, SSCI_ERR_NOT_FOUND, 0},
+        {{found, OK_HEAD + limit}, RESULT_OK, SSCI_REPLY_LIMIT},
+        {{found, OK_HEAD + limit + "b"}, RESULT_TOO_LARGE, 0},
+        {{found, "HTTP/1.0 404 Not Found\r\n\r\nb"}, RESULT_PEER_STATUS, 0},
+        {{OK_HEAD + R"({"return": -2})"}, RESULT_NOT_FOUND, 0},
     };
     ssci_nameserver_init("localhost", peer.port);
     for (const auto& [answers, result, size] : cases) {
@@ -93,22 +93,22 @@ TEST(SsciClient, LooksTheServiceUpThenGetsFromItWithinItsBounds) {
     }
     std::string body;  // a silent name server and no time limit: one second
     EXPECT_EQ(ssci_GET_request("svc", "/x", nullptr, body, 0, false, 0, nullptr),
-              SSCI_ERR_TRANSPORT);
+              RESULT_TRANSPORT);
 }
 
 // The name server's answer gives the address: ports 1 to 65535 and a
 // usable host; anything else is refused.
 TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
     const std::tuple<std::string, int, const char*, int> cases[] = {
-        {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", SSCI_OK, "127.0.0.5", 1},
-        {R"({"return": 0, "ip": "::1", "port": 65535})", SSCI_OK, "::1", 65535},
-        {R"({"return": 0, "ip": "127.0.0.5", "port": 0})", SSCI_ERR_ARGUMENT, "", 0},
-        {R"({"return": 0, "ip": "127.0.0.5", "port": 65536})", SSCI_ERR_ARGUMENT, "", 0},
-        {R"({"return": 0, "ip": "127.0.0.5", "port": "80"})", SSCI_ERR_ARGUMENT, "", 0},
-        {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", SSCI_ERR_ARGUMENT, "", 0},
-        {R"({"return": 0, "port": 80})", SSCI_ERR_ARGUMENT, "", 0},
-        {R"({"return": -2, "ip": "", "port": 0})", SSCI_ERR_NOT_FOUND, "", 0},
-        {R"([0])", SSCI_ERR_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", RESULT_OK, "127.0.0.5", 1},
+        {R"({"return": 0, "ip": "::1", "port": 65535})", RESULT_OK, "::1", 65535},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 0})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": 65536})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.5", "port": "80"})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": -2, "ip": "", "port": 0})", RESULT_NOT_FOUND, "", 0},
+        {R"([0])", RESULT_BAD_ARGUMENT, "", 0},
     };
     for (const auto& [answer, result, host, port] : cases) {
         std::string found_host;

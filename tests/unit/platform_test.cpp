@@ -10,16 +10,20 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <new>
 #include <regex>
 #include <sstream>
 #include <thread>
 #include <tuple>
 
+#include "common/result_codes.h"
+#include "endpoints/handler_guard.h"
 #include "platform/common_http_resource.h"
 #include "platform/diagnosis.h"
 #include "platform/dlog.h"
@@ -102,7 +106,7 @@ TEST_F(Platform, DebugLogWritesOneStampedRecordPerCallMakingItsDirectories) {
                                  std::regex("\\.[0-9]{3} platform_test\\[" +
                                             std::to_string(getpid()) + "\\]: first 1\n")));
     ASSERT_EQ(close(creat("file", 0644)), 0);
-    EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -1);
+    EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -ENOTDIR);
 }
 
 TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
@@ -178,7 +182,7 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
     close(STDIN_FILENO);
     std::ofstream("marker") << "kept";
-    EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -1);
+    EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -ENOENT);
     EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
 }
 
@@ -201,7 +205,8 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
         EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
         EXPECT_EQ(buffer, expected);
         EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
-                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), -2);
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer),
+                  2 * RESULT_NOT_FOUND);
         EXPECT_EQ(buffer, expected);
         json_object_put(object);
     }
@@ -293,6 +298,18 @@ TEST_F(Platform, RelayPoolRefusesAJobOnlyWhenNoWorkerCanRunIt) {
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
     return std::make_shared<httpserver::string_response>();
+}
+
+const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver::http_request&) {
+    throw std::bad_alloc();
+}
+
+// What a handler throws stays in its module: the guarded handler answers
+// null, which the server sends as 500; a reply passes through as it is.
+TEST_F(Platform, GuardedHandlersAnswerNullInsteadOfThrowing) {
+    const httpserver::http_request request("GET", "/a", {}, {}, "");
+    EXPECT_EQ(guarded<out_of_memory>(request), nullptr);
+    EXPECT_NE(guarded<reply>(request), nullptr);
 }
 
 bool head_below_files(const std::string& path) {
