@@ -34,7 +34,8 @@ def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
     went_down = time.monotonic()  # the peer is gone: the next round finds it down
     waiter.join(deadline(10))
     assert answered["reply"]["index"] > index
-    assert answered["reply"]["items"][0]["state"] == "down"
+    # A check under way as the peer closed finds "no answer" first.
+    assert answered["reply"]["items"][0]["state"] in ("down", "no answer")
     assert answered["at"] - went_down < deadline(1 + 1)  # within a period and the reply
     # Shutdown answers a held request at once.
     index = reachability(daemon)["index"]
