@@ -68,10 +68,14 @@ SVCMGR = "/managerService/svcmgr"
 METRICS = "/managerService/metrics"
 
 # Kernel messages stay off the console (the shell's output is read there);
-# OOM kills are read with dmesg.
+# OOM kills are read with dmesg. The console shell that init starts after
+# rcS is the check's instrument: init's score of -1000, which it inherits,
+# keeps it from being the OOM killer's choice during a burst (the daemon
+# sets its own score, the scripts it starts run at 0).
 RCS = """#!/bin/sh
 dmesg -n 1
 mount -t proc proc /proc
+echo -1000 >/proc/1/oom_score_adj
 mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev
 mount -t tmpfs tmp /tmp
