@@ -5,14 +5,22 @@
 // (service_cmd_thread), which alone touches it from then on and frees it.
 // The worker starts the shell itself and waits for it, and records the run
 // in the control-run log (control_runs.h, which has its own lock); the
-// handler shares nothing else.
-// Nothing queues or limits the runs: a burst of N posts is N threads and N
-// shells (plus what each script starts) until they end, which callers that
-// must not overload the device avoid. The listener threads stay free
-// meanwhile. The only bound is the system's limit on threads and processes
-// (with 64 KiB worker stacks a 32-bit device starts 1000); a run whose
-// thread, pipe or process cannot be had is recorded as not started, and its
-// reply is still {"return": 0}.
+// handler shares nothing else but running_scripts, the atomic count of
+// workers alive.
+// Nothing queues the runs: a script starts at once or not at all. At most
+// MAX_RUNNING_SCRIPTS run at once; a run beyond it, or whose thread, pipe
+// or process cannot be had, is recorded as not started, and its reply is
+// still {"return": 0}. The bound is the device's: each run holds a worker
+// thread, a forked shell and what the script starts (for a script that
+// sleeps: 3 of the kernel's tasks and about 200 KiB). On a 64 MiB device
+// (the boot check's: 374 tasks in all, and of 25 MiB free only 13 for the
+// kernel's own allocations, the rest reserved for movable pages) a burst
+// of 1,000 posts without a bound took every task and the kernel's memory:
+// the OOM killer took shells and forks not yet executed (which count the
+// daemon's pages and free next to nothing), up to 64 of the daemon's
+// threads waited in reclaim, and in one CI run it did not answer for
+// minutes. With 64 at once the OOM killer still ran; with 32 it did not,
+// and the daemon answered throughout (figures in bench/README.md).
 #include "control/services_handler.h"
 
 #include <json-c/json.h>
@@ -22,6 +30,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -60,6 +69,13 @@ constexpr int SHELL_EXIT_POLL_MS = 200;
 constexpr char DEFAULT_OOM_SCORE_ADJ[] = "0";
 // The exit status of a shell that could not be executed (as sh gives it).
 constexpr int SHELL_NOT_RUN_STATUS = 127;
+// Scripts running at once, so that a 64 MiB device keeps memory and tasks
+// for its services (figures in the file's comment); a run beyond it is
+// recorded as not started.
+constexpr unsigned MAX_RUNNING_SCRIPTS = 32;
+
+// Runs whose worker thread was created and has not ended.
+std::atomic<unsigned> running_scripts{0};
 
 // Tested in this order; the first equal method wins.
 constexpr service_action SERVICE_ACTIONS[] = {
@@ -111,6 +127,12 @@ void start_service_command(const service_action& action) {
         record_not_started(action, command, "no memory for the job");
         return;
     }
+    if (running_scripts.fetch_add(1) >= MAX_RUNNING_SCRIPTS) {
+        running_scripts.fetch_sub(1);
+        free(job);
+        record_not_started(action, command, "too many scripts running");
+        return;
+    }
     job->action = &action;
     snprintf(job->command, sizeof job->command, "%s", command);
     pthread_attr_t attributes;
@@ -121,6 +143,7 @@ void start_service_command(const service_action& action) {
     const int error = pthread_create(&worker, &attributes, service_cmd_thread, job);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
+        running_scripts.fetch_sub(1);
         free(job);
         record_not_started(action, command, "no thread for the command");
     }
@@ -267,6 +290,7 @@ void* service_cmd_thread(void* argument) {
         control_run_ended_without_status(run, method, "cannot wait for the shell", tail);
     }
     free(job);
+    running_scripts.fetch_sub(1);
     pthread_exit(nullptr);
 }
 

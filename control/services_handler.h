@@ -1,8 +1,10 @@
 // services_handler.h - the service-control resource "/managerService/services":
 // a POST names an action that runs one of the init scripts on its own
 // detached thread (small stack: it only starts a shell, reads its output and
-// waits), which records the run in the control-run log. The handler keeps
-// nothing between requests and takes no lock; the action table is constant.
+// waits), which records the run in the control-run log; at most
+// MAX_RUNNING_SCRIPTS (in the .cpp) at once. Between requests the handler
+// keeps only the atomic count of running scripts; it takes no lock; the
+// action table is constant.
 #ifndef MANAGER_SVC_SERVICES_HANDLER_H
 #define MANAGER_SVC_SERVICES_HANDLER_H
 
