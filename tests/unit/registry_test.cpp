@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <new>
 #include <tuple>
+#include <vector>
 
 #include "common/device_paths.h"
 #include "common/print_log.h"
@@ -51,10 +52,7 @@ std::string registry_text() {
 }
 
 int add(const std::string& name, const std::string& ip) {
-    svc_info info;
-    info.ip = ip;
-    info.port = 1;
-    return svc_info_add(name, info);
+    return svc_info_add(name, svc_info{ip, 1});
 }
 
 bool is_registry_file(int fd) {
@@ -126,7 +124,7 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     };
     for (const auto& [fixture, loaded] : cases) {
         reset();
-        write_file(REGISTRY_FILE_PATH, contents_of(std::string(FIXTURE_DIR) + "/registry/" + fixture));
+        write_file(REGISTRY_FILE_PATH, contents_of(FIXTURE_DIR "/registry/" + std::string(fixture)));
         svc_info_init();
         EXPECT_EQ(loaded, registry_text()) << fixture;
         std::remove(REGISTRY_FILE_PATH);
@@ -191,7 +189,8 @@ TEST_F(registry_test, NamesAreKeptInByteOrder) {
     }
     const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
     EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
-    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", contents_of(REGISTRY_FILE_PATH));
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n",
+              contents_of(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails

@@ -1,5 +1,5 @@
 // unit_support.h - what the unit tests share: a file read whole, polling for
-// a condition, and a loopback TCP peer that answers with given texts.
+// a condition, and a loopback TCP peer that answers with a given text.
 // Header-only; each test binary is one source file.
 #ifndef MANAGER_SVC_UNIT_SUPPORT_H
 #define MANAGER_SVC_UNIT_SUPPORT_H
@@ -14,7 +14,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 inline std::string contents_of(const std::string& path) {
     std::ostringstream text;
@@ -50,27 +49,19 @@ struct loopback_peer {
         pollfd listener{fd, POLLIN, 0};
         return poll(&listener, 1, 0) == 1;
     }
-    // Answers the connection that comes within `wait_ms`, if one does, with
-    // `text` after reading the request's first segment, then closes it.
-    void answer_one(const std::string& text, int wait_ms) const {
-        pollfd listener{fd, POLLIN, 0};
-        if (poll(&listener, 1, wait_ms) != 1) return;
-        const int client = accept(fd, nullptr, nullptr);
-        char request[4096];
-        recv(client, request, sizeof request, 0);
-        send(client, text.data(), text.size(), MSG_NOSIGNAL);
-        close(client);
-    }
-    // Answers the next connections, one answer each, waiting 5 s at most for each.
-    std::thread answer(std::vector<std::string> answers) const {
-        return std::thread([this, answers] {
-            for (const std::string& text : answers) answer_one(text, 5000);
-        });
-    }
-    // Answers every connection with `text` until destroyed.
+    // Answers every connection, until destroyed, with `text` after reading
+    // the request's first segment, then closes it.
     void serve(const std::string& text) {
         server = std::thread([this, text] {
-            while (!stopping) answer_one(text, 20);
+            while (!stopping) {
+                pollfd listener{fd, POLLIN, 0};
+                if (poll(&listener, 1, 20) != 1) continue;
+                const int client = accept(fd, nullptr, nullptr);
+                char request[4096];
+                recv(client, request, sizeof request, 0);
+                send(client, text.data(), text.size(), MSG_NOSIGNAL);
+                close(client);
+            }
         });
     }
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
