@@ -1,6 +1,6 @@
-// fuzz_support.h - what the fuzz targets share: the start-up with its guard,
-// the failure report and the body of a handler's reply. Header-only; each
-// target is one single-threaded libFuzzer process, one source file.
+// fuzz_support.h - what the fuzz targets share: the start-up with its guard
+// and the failure report. Header-only; each target is one single-threaded
+// libFuzzer process, one source file that defines fuzz_set_up().
 #ifndef MANAGER_SVC_FUZZ_SUPPORT_H
 #define MANAGER_SVC_FUZZ_SUPPORT_H
 
@@ -9,7 +9,6 @@
 #include <string>
 
 #include "main/settings.h"
-#include "platform/httpserver.h"
 
 // Reports a broken invariant and aborts, so that libFuzzer keeps the input.
 inline void fuzz_check(bool holds, const char* what, const std::string& detail = "") {
@@ -19,30 +18,18 @@ inline void fuzz_check(bool holds, const char* what, const std::string& detail =
     }
 }
 
+// A target's own preparation, after the common start-up.
+void fuzz_set_up();
+
 // The registry code writes its fixed device paths and get_history may reach
 // any address, so a target runs only where scripts/fuzz.sh puts it: in the
 // sandbox, without network (fuzz.sh sets MANAGER_SVC_FUZZ_SANDBOX there).
 // The console stays silent, ERR lines included, to keep the fuzzer fast.
-inline void fuzz_start_up() {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz_check(getenv("MANAGER_SVC_FUZZ_SANDBOX") != nullptr, "run through scripts/fuzz.sh");
     verbose_level = -1;
-}
-
-// A target's own preparation, after the common start-up.
-void fuzz_set_up();
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_start_up();
     fuzz_set_up();
     return 0;
-}
-
-// The body of a handler's text reply (a string_response; web pages are
-// sent from their file instead).
-inline std::string fuzz_reply_body(const httpserver::http_response& reply) {
-    auto text = dynamic_cast<const httpserver::string_response*>(&reply);
-    fuzz_check(text != nullptr, "reply is not a string response");
-    return text->get_content();
 }
 
 #endif

@@ -74,9 +74,12 @@ std::string json_body(const fields& parts, const std::vector<const char*>& names
     return text;
 }
 
-// Checks a JSON reply with one of the handlers' codes as its "return".
+// Checks a JSON reply (a string response) with one of the handlers' codes
+// as its "return".
 void check_json_reply(const httpserver::http_response& reply) {
-    const std::string body = fuzz_reply_body(reply);
+    auto text = dynamic_cast<const httpserver::string_response*>(&reply);
+    fuzz_check(text != nullptr, "reply is not a string response");
+    const std::string body = text->get_content();
     json_object* parsed = json_tokener_parse(body.c_str());
     json_object* result = nullptr;
     const bool has_int = json_object_object_get_ex(parsed, RETURN_MEMBER, &result) &&
@@ -86,10 +89,6 @@ void check_json_reply(const httpserver::http_response& reply) {
     fuzz_check(has_int && std::count(RESULTS.begin(), RESULTS.end(), value) == 1 &&
                    reply.get_response_code() == HTTP_STATUS_OK &&
                    reply.get_header("Content-Type") == JSON_CONTENT_TYPE, "JSON reply", body);
-}
-
-std::string field(const fields& parts, std::size_t index) {
-    return index < parts.size() ? parts[index] : "";
 }
 
 std::ptrdiff_t thread_count() {
@@ -102,8 +101,10 @@ void run_request(const operation& op, const std::string& rest) {
     const std::size_t first = op.path == nullptr ? 1 : 0;
     const std::string path = op.path == nullptr ? parts[0] : op.path;
     const std::ptrdiff_t threads = op.handle == proc_services_post ? thread_count() : 0;
+    const fields args = {first < parts.size() ? parts[first] : "",
+                         first + 1 < parts.size() ? parts[first + 1] : ""};
     const auto reply = op.handle(httpserver::http_request(
-        op.method, path, {{"method", field(parts, first)}, {"name", field(parts, first + 1)}}, {},
+        op.method, path, {{"method", args[0]}, {"name", args[1]}}, {},
         op.members.empty() ? rest : json_body(parts, op.members)));
     if (path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
         const int status = reply->get_response_code();

@@ -9,13 +9,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <fstream>
-#include <thread>
-
 #include "common/device_paths.h"
 #include "control/control_runs.h"
 #include "control/services_handler.h"
+#include "tests/unit/unit_support.h"
 
 namespace {
 
@@ -68,10 +65,8 @@ TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
     proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "stop"})"));
     const std::string expected = " \"" + std::string(SERVICES_SCRIPT_PATH) + " stop\" null null";
-    for (int poll = 0; poll < 1000 && run(0, {"command", "exit_status", "signal", "ended"}).find("null null \"") ==
-                                          std::string::npos; ++poll) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const auto ended = [] { return run(0, {"exit_status", "signal", "ended"}); };
+    poll_until([&] { return ended().rfind(" null null \"", 0) == 0; });
     setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(expected + " \"Too many open files\" \"\"", run(0, {"command", "exit_status", "signal", "error", "output"}));
 }
@@ -92,10 +87,7 @@ TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
     sigemptyset(&usr1), sigaddset(&usr1, SIGUSR1), pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
     const std::string started = " \"" + std::string(SERVICES_SCRIPT_PATH) + " start\"";
     auto finished = [&] { return run(0, {"command", "ended"}).rfind(started + " \"", 0) == 0; };
-    for (int poll = 0; poll < 1000 && !finished(); ++poll) {
-        kill(getpid(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    poll_until([&] { return kill(getpid(), SIGUSR1) == 0 && finished(); });
     EXPECT_EQ(started + " 3", run(0, {"command", "exit_status"}));
 }
 

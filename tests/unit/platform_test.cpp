@@ -9,17 +9,12 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <new>
 #include <regex>
-#include <sstream>
-#include <thread>
 #include <tuple>
 
 #include "common/result_codes.h"
@@ -30,6 +25,7 @@
 #include "platform/relay_pool.h"
 #include "platform/request_guard.h"
 #include "platform/utils.h"
+#include "tests/unit/unit_support.h"
 
 namespace {
 
@@ -56,30 +52,15 @@ extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
 
 namespace {
 
-std::string contents_of(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-// Now as strftime's `format` gives it, in local time or UTC (gmtime_r).
-// The precise clock, as the logs read it: time() may still tell the
-// previous second for a few milliseconds after it has passed.
-std::string now_as(const char* format, struct tm* (*convert)(const time_t*, struct tm*)) {
+// Now in local time as "%F %T", from the precise clock as the logs read it:
+// time() may still tell the previous second for a few ms after it passed.
+std::string local_now() {
     timespec precise{};
     clock_gettime(CLOCK_REALTIME, &precise);
-    const time_t now = precise.tv_sec;
     struct tm parts;
     char text[32];
-    strftime(text, sizeof text, format, convert(&now, &parts));
+    strftime(text, sizeof text, "%F %T", localtime_r(&precise.tv_sec, &parts));
     return text;
-}
-
-template <typename Condition>
-void poll_until(Condition condition) {
-    for (int polls = 0; polls < 3000 && !condition(); ++polls) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
 }
 
 class Platform : public ::testing::Test {
@@ -96,10 +77,10 @@ protected:
 };
 using PlatformDeathTest = Platform;
 
-TEST_F(Platform, DebugLogWritesOneStampedRecordPerCallMakingItsDirectories) {
-    const std::string before = now_as("%F %T", localtime_r);
+TEST_F(Platform, DebugLogWritesStampedRecordsMakingItsDirectoriesAndRotates) {
+    const std::string before = local_now();
     ASSERT_EQ(log_File_Debug_s("a/b/debug.log", 1 << 20, "first %d", 1), 0);
-    const std::string after = now_as("%F %T", localtime_r);
+    const std::string after = local_now();
     const std::string text = contents_of("a/b/debug.log"), stamp = text.substr(0, before.size());
     EXPECT_TRUE(stamp == before || stamp == after) << text;
     EXPECT_TRUE(std::regex_match(text.substr(stamp.size()),
@@ -107,9 +88,7 @@ TEST_F(Platform, DebugLogWritesOneStampedRecordPerCallMakingItsDirectories) {
                                             std::to_string(getpid()) + "\\]: first 1\n")));
     ASSERT_EQ(close(creat("file", 0644)), 0);
     EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -ENOTDIR);
-}
-
-TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
+    // The log rotates when the next record would pass the limit.
     log_File_Debug_s("debug.log", 1 << 20, "record 1");
     const int record = static_cast<int>(contents_of("debug.log").size());
     log_File_Debug_s("debug.log", 2 * record, "record 2");  // fills the limit exactly
@@ -122,15 +101,13 @@ TEST_F(Platform, DebugLogRotatesWhenTheNextRecordWouldPassTheLimit) {
 // dates around leap days, year ends and the 32-bit limit.
 TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
     GTEST_FLAG_SET(death_test_style, "fast");  // the child keeps the working directory
-    const std::tuple<int, const char*, time_t, const char*> cases[] = {
-        {SIGSEGV, "SIGSEGV", 951868799, "2000-02-29 23:59:59"},
-        {SIGABRT, "SIGABRT", 951868800, "2000-03-01 00:00:00"},
-        {SIGABRT, "SIGABRT", 0, "1970-01-01 00:00:00"},
-        {SIGABRT, "SIGABRT", 946684799, "1999-12-31 23:59:59"},
-        {SIGABRT, "SIGABRT", 1769862896, "2026-01-31 12:34:56"},
-        {SIGABRT, "SIGABRT", 2147483647, "2038-01-19 03:14:07"},
+    const std::tuple<int, time_t, const char*> cases[] = {
+        {SIGSEGV, 951868799, "2000-02-29 23:59:59"}, {SIGABRT, 951868800, "2000-03-01 00:00:00"},
+        {SIGABRT, 0, "1970-01-01 00:00:00"}, {SIGABRT, 946684799, "1999-12-31 23:59:59"},
+        {SIGABRT, 1769862896, "2026-01-31 12:34:56"}, {SIGABRT, 2147483647, "2038-01-19 03:14:07"},
     };
-    for (const auto& [sig, name, seconds, stamp] : cases) {
+    for (const auto& [sig, seconds, stamp] : cases) {
+        const std::string name = sig == SIGSEGV ? "SIGSEGV" : "SIGABRT";
         const std::size_t before = contents_of("crash/crash.log").size();
         fake_realtime = seconds;
         EXPECT_EXIT((diagnosis_com_install_siganl_handler(sig, "crash_prog", nullptr), raise(sig)),
@@ -169,21 +146,19 @@ TEST_F(PlatformDeathTest, CrashHandlerRecordsAStackOverflow) {
 
 volatile sig_atomic_t caught_signal = 0;
 
-TEST_F(Platform, CrashHandlerLibraryInstallsTheCallersOwnHandler) {
-    const diagnosis_handler own = [](int sig) { caught_signal = sig; };
-    ASSERT_EQ(diagnosis_com_install_siganl_handler(SIGUSR1, "own", own), 0);
-    raise(SIGUSR1);
-    EXPECT_EQ(caught_signal, SIGUSR1);
-}
-
 // A daemon may have closed its standard input: descriptor 0 is then a
-// marker file's like any other.
+// marker file's like any other. The crash handler library installs a
+// caller's own handler as it is.
 TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
     close(STDIN_FILENO);
     std::ofstream("marker") << "kept";
     EXPECT_EQ(touch_file("marker") + touch_file("new") + touch_file("no/marker"), -ENOENT);
     EXPECT_EQ(contents_of("marker") + contents_of("new"), "kept");
+    const diagnosis_handler own = [](int sig) { caught_signal = sig; };
+    ASSERT_EQ(diagnosis_com_install_siganl_handler(SIGUSR1, "own", own), 0);
+    raise(SIGUSR1);
+    EXPECT_EQ(caught_signal, SIGUSR1);
 }
 
 // A text longer than its buffer is cut after its last whole character:
@@ -219,6 +194,7 @@ struct job_counts {
     std::shared_future<void> open = gate.get_future().share();
     std::atomic<unsigned> running{0}, finished{0}, refused_here{0};
     const std::thread::id submitter = std::this_thread::get_id();
+    void submit(unsigned count = 1);
 };
 
 struct gated_job : relay_job {
@@ -234,29 +210,8 @@ struct gated_job : relay_job {
     job_counts& counts;
 };
 
-// Refused at once on the submitting thread: jobs past the queue, and
-// every job once the pool has stopped.
-TEST_F(Platform, RelayPoolRunsAtMostItsWorkersQueuesAtMostItsQueueAndIdleWorkersEnd) {
-    constexpr unsigned TOTAL = RELAY_POOL_WORKERS + RELAY_POOL_QUEUE + 3;
-    job_counts jobs;
-    const auto submit = [&jobs](unsigned count) {
-        for (unsigned i = 0; i < count; ++i) {
-            relay_pool_submit(std::make_unique<gated_job>(jobs));
-        }
-    };
-    relay_pool_start();
-    submit(TOTAL);
-    poll_until([&] { return jobs.running == RELAY_POOL_WORKERS; });
-    EXPECT_EQ(relay_pool_worker_count(), RELAY_POOL_WORKERS);
-    EXPECT_EQ(jobs.refused_here, 3u);
-    jobs.gate.set_value();
-    poll_until([&] { return jobs.finished + jobs.refused_here == TOTAL; });
-    poll_until([] { return relay_pool_worker_count() == 0; });
-    EXPECT_EQ(jobs.finished, RELAY_POOL_WORKERS + RELAY_POOL_QUEUE);
-    EXPECT_EQ(relay_pool_worker_count(), 0u);
-    relay_pool_stop();
-    submit(1);
-    EXPECT_EQ(jobs.refused_here, 4u);
+void job_counts::submit(unsigned count) {
+    while (count-- > 0) relay_pool_submit(std::make_unique<gated_job>(*this));
 }
 
 // While set, no thread can be made (pthread_create is interposed).
@@ -272,28 +227,37 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 namespace {
 
-// A job that no worker can run is refused at once and leaves nothing in
-// the queue; while a worker is busy and no thread can be made, the next
-// job waits for that worker instead.
-TEST_F(Platform, RelayPoolRefusesAJobOnlyWhenNoWorkerCanRunIt) {
-    job_counts jobs;
+// Refused at once on the submitting thread: jobs past the queue, every
+// job once the pool has stopped, and a job that no worker can run (which
+// leaves nothing in the queue); while a worker is busy and no thread can
+// be made, the next job waits for that worker instead.
+TEST_F(Platform, RelayPoolBoundsItsWorkersAndQueueAndRefusesOnlyWhatNoWorkerCanRun) {
+    constexpr unsigned TOTAL = RELAY_POOL_WORKERS + RELAY_POOL_QUEUE + 3;
+    job_counts jobs, more;
     relay_pool_start();
-    poll_until([] { return relay_pool_worker_count() == 0; });
-    const auto submit = [&jobs](bool refused) {
-        threads_refused = refused;
-        relay_pool_submit(std::make_unique<gated_job>(jobs));
-        threads_refused = false;
-    };
-    submit(true);
-    EXPECT_EQ(jobs.refused_here, 1u);
-    submit(false);
-    poll_until([&jobs] { return jobs.running == 1; });
-    submit(true);
-    EXPECT_EQ(jobs.refused_here, 1u);
+    jobs.submit(TOTAL);
+    poll_until([&] { return jobs.running == RELAY_POOL_WORKERS; });
+    EXPECT_EQ(relay_pool_worker_count(), RELAY_POOL_WORKERS);
+    EXPECT_EQ(jobs.refused_here, 3u);
     jobs.gate.set_value();
-    poll_until([&jobs] { return jobs.finished == 2; });
+    poll_until([&] { return jobs.finished + jobs.refused_here == TOTAL; });
+    EXPECT_TRUE(poll_until([] { return relay_pool_worker_count() == 0; }));
+    EXPECT_EQ(jobs.finished, RELAY_POOL_WORKERS + RELAY_POOL_QUEUE);
+    threads_refused = true;
+    more.submit();
+    EXPECT_EQ(more.refused_here, 1u);
+    threads_refused = false;
+    more.submit();
+    poll_until([&] { return more.running == 1; });
+    threads_refused = true;
+    more.submit();
+    threads_refused = false;
+    EXPECT_EQ(more.refused_here, 1u);
+    more.gate.set_value();
+    EXPECT_TRUE(poll_until([&] { return more.finished == 2; }));
     relay_pool_stop();
-    EXPECT_EQ(jobs.finished, 2u);
+    jobs.submit();
+    EXPECT_EQ(jobs.refused_here, 4u);
 }
 
 const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
@@ -304,19 +268,16 @@ const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver:
     throw std::bad_alloc();
 }
 
-// What a handler throws stays in its module: the guarded handler answers
-// null, which the server sends as 500; a reply passes through as it is.
-TEST_F(Platform, GuardedHandlersAnswerNullInsteadOfThrowing) {
-    const httpserver::http_request request("GET", "/a", {}, {}, "");
-    EXPECT_EQ(guarded<out_of_memory>(request), nullptr);
-    EXPECT_NE(guarded<reply>(request), nullptr);
-}
-
 bool head_below_files(const std::string& path) {
     return path.compare(0, 8, "/a/files") == 0;
 }
 
+// What a handler throws stays in its module: the guarded handler answers
+// null, which the server sends as 500; a reply passes through as it is.
 TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
+    const httpserver::http_request request("GET", "/a", {}, {}, "");
+    EXPECT_EQ(guarded<out_of_memory>(request), nullptr);
+    EXPECT_NE(guarded<reply>(request), nullptr);
     httpserver::string_response plain;
     EXPECT_EQ(plain.get_response_code(), 200);
     EXPECT_EQ(plain.get_header("content-TYPE"), "text/plain");
@@ -354,7 +315,8 @@ TEST_F(Platform, FileResponsesCloseTheirDescriptorOnEveryPath) {
     EXPECT_EQ(fcntl(unsent, F_GETFD), -1);
 }
 
-TEST_F(Platform, RequestGuardServesOwnHostsOnly) {
+// Own hosts only: loopback, address literals and this host's names.
+TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
     char own[256] = "";
     ASSERT_EQ(gethostname(own, sizeof own), 0);
     const std::string name = own;
@@ -373,40 +335,26 @@ TEST_F(Platform, RequestGuardServesOwnHostsOnly) {
         EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}),
                   request_verdict::misdirected) << host;
     }
-    EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), request_verdict::served);
-}
-
-// A state change is refused when the browser says another origin's page
-// asks; reading is not, nor is a client that says nothing.
-TEST_F(Platform, RequestGuardRefusesStateChangesFromOtherOrigins) {
-    const char* host = "127.0.0.1:10182";
-    const struct {
-        const char* method;
-        const char* origin;
-        const char* fetch_site;
-        request_verdict verdict;
-    } cases[] = {
-        {"POST", nullptr, nullptr, request_verdict::served},
-        {"POST", "http://127.0.0.1:10182", nullptr, request_verdict::served},
-        {"DELETE", nullptr, "same-origin", request_verdict::served},
-        {"POST", "http://127.0.0.1:9999", "none", request_verdict::served},
-        {"GET", "http://attacker.example", "cross-site", request_verdict::served},
-        {"OPTIONS", "null", "cross-site", request_verdict::served},
-        {"POST", "http://127.0.0.1:9999", nullptr, request_verdict::cross_origin},
-        {"POST", "https://127.0.0.1:10182", nullptr, request_verdict::cross_origin},
-        {"POST", "http://127.0.0.1:10182/", nullptr, request_verdict::cross_origin},
-        {"DELETE", "null", nullptr, request_verdict::cross_origin},
-        {"PUT", nullptr, "same-site", request_verdict::cross_origin},
-        {"POST", "http://127.0.0.1:10182", "cross-site", request_verdict::cross_origin},
-        {"post", "http://127.0.0.1:9999", nullptr, request_verdict::cross_origin},
+    // A state change is refused when the browser says another origin's
+    // page asks; reading is not, nor is a client that says nothing.
+    const char *host = "127.0.0.1:10182", *self = "http://127.0.0.1:10182";
+    const char* other = "http://127.0.0.1:9999";
+    constexpr request_verdict OK = request_verdict::served, CROSS = request_verdict::cross_origin;
+    const std::tuple<const char*, const char*, const char*, request_verdict> cases[] = {
+        {"POST", nullptr, nullptr, OK}, {"POST", self, nullptr, OK},
+        {"DELETE", nullptr, "same-origin", OK}, {"POST", other, "none", OK},
+        {"GET", "http://attacker.example", "cross-site", OK}, {"OPTIONS", "null", "cross-site", OK},
+        {"POST", other, nullptr, CROSS}, {"POST", "https://127.0.0.1:10182", nullptr, CROSS},
+        {"POST", "http://127.0.0.1:10182/", nullptr, CROSS}, {"DELETE", "null", nullptr, CROSS},
+        {"PUT", nullptr, "same-site", CROSS}, {"POST", self, "cross-site", CROSS},
+        {"post", other, nullptr, CROSS},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(request_guard_judge({c.method, host, c.origin, c.fetch_site}), c.verdict)
-            << c.method << " " << (c.origin ? c.origin : "-") << " "
-            << (c.fetch_site ? c.fetch_site : "-");
+    for (const auto& [method, origin, site, verdict] : cases) {
+        EXPECT_EQ(request_guard_judge({method, host, origin, site}), verdict)
+            << method << " " << (origin ? origin : "-") << " " << (site ? site : "-");
     }
-    EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}),
-              request_verdict::cross_origin);
+    EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), OK);
+    EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}), CROSS);
 }
 
 }  // namespace

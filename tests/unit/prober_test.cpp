@@ -5,68 +5,22 @@
 // Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <thread>
 
 #include "monitor/reach_events.h"
 #include "registry/svc_info_map.h"
+#include "tests/unit/unit_support.h"
 
 namespace {
 
-// A loopback port: listening (accepting with `reply` written back to each
-// request, then closing; or never accepting when `accepts` is false), or
-// bound and refusing connects.
-struct loopback_service {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int port = 0;
-    std::string reply;
-    std::atomic<bool> stopping{false};
-    std::thread server;
-
-    loopback_service(bool listening, bool accepts, std::string answer = "") : reply(std::move(answer)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-        if (listening) {
-            listen(fd, 16);
-        }
-        if (accepts) {
-            server = std::thread([this] { serve(); });
-        }
-    }
-    ~loopback_service() {
-        stopping = true;
-        if (server.joinable()) server.join();
-        close(fd);
-    }
-    void serve() {
-        while (!stopping) {
-            pollfd ready = {fd, POLLIN, 0};
-            if (poll(&ready, 1, 20) <= 0) continue;
-            int peer = accept(fd, nullptr, nullptr);
-            char request[256];
-            recv(peer, request, sizeof request, 0);
-            send(peer, reply.data(), reply.size(), MSG_NOSIGNAL);
-            close(peer);
-        }
-    }
-};
-
 TEST(ProbeTargets, EveryOutcomeOfAnHttpCheck) {
-    loopback_service answering(true, true, "HTTP/1.1 501 Not Implemented\r\nContent-Length: 0\r\n\r\n"),
-        not_http(true, true, "SSH-2.0-OpenSSH\r\n"), closing(true, true), hung(true, false), closed(false, false);
+    loopback_peer answering, not_http, closing, hung, closed(false);
+    answering.serve("HTTP/1.1 501 Not Implemented\r\nContent-Length: 0\r\n\r\n");
+    not_http.serve("SSH-2.0-OpenSSH\r\n");
+    closing.serve("");
     const std::vector<probe_target> targets = {
         {"127.0.0.1", answering.port}, {"localhost", answering.port}, {"localhost.", answering.port},
         {"127.0.0.1", not_http.port}, {"127.0.0.1", closing.port}, {"127.0.0.1", hung.port},
@@ -122,16 +76,14 @@ std::string finding(const std::string& name, const char* member) {
     return text;
 }
 
-// Polls until the member shows `value`, for a few periods at most.
+// Polls until the member shows `value`.
 bool becomes(const std::string& name, const char* member, const std::string& value) {
-    for (int poll = 0; poll < 1000 && finding(name, member) != value; ++poll) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return finding(name, member) == value;
+    return poll_until([&] { return finding(name, member) == value; });
 }
 
-// Before the prober ever started: period 0 and no finding.
-TEST(Prober, BeforeAnyCheckEveryFindingIsNull) {
+// Before the prober ever started: period 0 and no finding. Checks are
+// counted and kept per address; a move starts afresh and is one event.
+TEST(Prober, CountsRecentResultsAndEvents) {
     svc_info_add("a", svc_info{"127.0.0.1", 1});
     EXPECT_EQ(R"({ "return": 0, "index": 0, "version": "1.0.0", "started": null, "period": 0, "items": [ )"
               R"({ "name": "a", "ip": "127.0.0.1", "port": 1, "reachable": null, "state": null, "http_status": null, )"
@@ -139,11 +91,8 @@ TEST(Prober, BeforeAnyCheckEveryFindingIsNull) {
               R"("up_checks": 0, "recent": "" } ] })",
               prober_reachability_reply());
     svc_info_delete("a");
-}
-
-// Checks are counted and kept per address; a move starts afresh and is one event.
-TEST(Prober, CountsRecentResultsAndEvents) {
-    loopback_service up(true, true, "HTTP/1.0 200 OK\r\n\r\n"), closed(false, false);
+    loopback_peer up, closed(false);
+    up.serve("HTTP/1.0 200 OK\r\n\r\n");
     svc_info_add("up", svc_info{"127.0.0.1", up.port});
     svc_info_add("down", svc_info{"127.0.0.1", closed.port});
     ASSERT_TRUE(prober_start(1));

@@ -9,17 +9,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <new>
-#include <sstream>
 #include <tuple>
 #include <vector>
 
 #include "common/device_paths.h"
 #include "common/print_log.h"
 #include "registry/svc_info_map.h"
+#include "tests/unit/unit_support.h"
 
 namespace {
 
@@ -38,12 +36,6 @@ struct write_plan {
 // The allocation that fails with std::bad_alloc after this many; -1: none.
 std::atomic<long> allocations_left{-1};
 
-std::string read_file(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
-
 void write_file(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
@@ -60,10 +52,7 @@ std::string registry_text() {
 }
 
 int add(const std::string& name, const std::string& ip) {
-    svc_info info;
-    info.ip = ip;
-    info.port = 1;
-    return svc_info_add(name, info);
+    return svc_info_add(name, svc_info{ip, 1});
 }
 
 bool is_registry_file(int fd) {
@@ -135,12 +124,12 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     };
     for (const auto& [fixture, loaded] : cases) {
         reset();
-        write_file(REGISTRY_FILE_PATH, read_file(std::string(FIXTURE_DIR) + "/registry/" + fixture));
+        write_file(REGISTRY_FILE_PATH, contents_of(FIXTURE_DIR "/registry/" + std::string(fixture)));
         svc_info_init();
         EXPECT_EQ(loaded, registry_text()) << fixture;
         std::remove(REGISTRY_FILE_PATH);
         svc_info_uninit();
-        EXPECT_EQ(loaded, read_file(REGISTRY_FILE_PATH)) << fixture;
+        EXPECT_EQ(loaded, contents_of(REGISTRY_FILE_PATH)) << fixture;
     }
 }
 
@@ -171,13 +160,13 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
         }
         const std::string content = registry_text();
         write_file(REGISTRY_FILE_PATH, (content + std::string(old_size, 'o')).substr(0, old_size));
-        const std::size_t logged = read_file(DEBUG_LOG_PATH).size();
+        const std::size_t logged = contents_of(DEBUG_LOG_PATH).size();
         plan = write_plan{true, full, per_call, calls_left, {}, {}};
         svc_info_write_back();
         plan.armed = false;
         EXPECT_EQ(asked, plan.calls);
-        EXPECT_EQ(content.substr(0, kept), read_file(REGISTRY_FILE_PATH));
-        std::istringstream log(read_file(DEBUG_LOG_PATH).substr(logged));
+        EXPECT_EQ(content.substr(0, kept), contents_of(REGISTRY_FILE_PATH));
+        std::istringstream log(contents_of(DEBUG_LOG_PATH).substr(logged));
         std::vector<std::string> written;
         for (std::string record; std::getline(log, record);) {
             written.push_back(record.substr(record.find(": ") + 2));
@@ -200,7 +189,8 @@ TEST_F(registry_test, NamesAreKeptInByteOrder) {
     }
     const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
     EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
-    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", read_file(REGISTRY_FILE_PATH));
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n",
+              contents_of(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails
@@ -215,7 +205,7 @@ TEST_F(registry_test, OutOfMemoryChangesNothing) {
             add(std::string(40, 'n'), "127.0.0.1");
         } catch (const std::bad_alloc&) {
             allocations_left.store(-1);
-            EXPECT_EQ(before + before, registry_text() + read_file(REGISTRY_FILE_PATH));
+            EXPECT_EQ(before + before, registry_text() + contents_of(REGISTRY_FILE_PATH));
         }
         allocations_left.store(-1);
     }
@@ -224,7 +214,7 @@ TEST_F(registry_test, OutOfMemoryChangesNothing) {
     allocations_left.store(0);
     svc_info_write_back();
     allocations_left.store(-1);
-    EXPECT_EQ("old\n", read_file(REGISTRY_FILE_PATH));
+    EXPECT_EQ("old\n", contents_of(REGISTRY_FILE_PATH));
 }
 
 }  // namespace
