@@ -28,6 +28,8 @@ DEBUG_LOG = "/Ombrix/.mgrsvc_log/.mgrsvc_log"
 DEFAULT_PORT = 10182
 SVCMGR = "/managerService/svcmgr"
 SVCMON = "/managerService/svcmon"
+SERVICES = "/managerService/services"
+SCRIPTS = ("/etc/init.d/services.sh", "/etc/init.d/fdr_services.sh")
 OK = b'{ "return": 0 }'
 
 
@@ -120,16 +122,23 @@ class Sandbox:
                               capture_output=True, timeout=deadline(timeout))
 
     def start(self, *args, add_port=True, nofile=None, port=None):
-        """Starts the daemon with "-p PORT" (`port`, else a free port) and args;
-        `nofile` is its (soft, hard) descriptor limit."""
+        """Starts the daemon with "-p PORT" (`port`, else a free port) and args, and
+        waits until it is ready; `nofile` is its (soft, hard) descriptor limit."""
         port = port or (free_port() if add_port else None)
         self.daemons.append(Daemon(self, args, port, nofile))
-        return self.daemons[-1]
+        return self.daemons[-1].wait_ready()
 
     def cleanup(self):
+        """Stops the daemons still running: each must exit with status 0."""
+        failed = []
         for daemon in self.daemons:
-            daemon.kill()
+            try:
+                if daemon.alive() and daemon.stop() != 0:
+                    failed.append(daemon.stderr_text()[-4000:])
+            finally:
+                daemon.kill()
         shutil.rmtree(self.root, ignore_errors=True)
+        assert not failed, failed
 
 
 class Daemon:
@@ -181,8 +190,13 @@ def device_path_of(daemon, device_path):
 
 
 def register(daemon, name, port=80, ip="127.0.0.1"):
-    body = f'{{"method": "register", "name": "{name}", "ip": "{ip}", "port": {port}}}'
-    return daemon.request("POST", SVCMGR, body).body
+    body = {"method": "register", "name": name, "ip": ip, "port": port}
+    return daemon.request("POST", SVCMGR, json.dumps(body, ensure_ascii=False)).body
+
+
+def svcmon(daemon, query):
+    """The parsed reply of GET svcmon?method=query (a long poll waits up to a minute)."""
+    return json.loads(daemon.request("GET", f"{SVCMON}?method={query}", timeout=70).body)
 
 
 def chromium_result(url, budget_ms):
@@ -202,8 +216,7 @@ def chromium_result(url, budget_ms):
 
 def reachability(daemon, query=""):
     """The get_reachability reply (query: more arguments, "&index=...")."""
-    reply = daemon.request("GET", f"{SVCMON}?method=get_reachability{query}", timeout=70)
-    return json.loads(reply.body)
+    return svcmon(daemon, "get_reachability" + query)
 
 
 def reachability_items(daemon):

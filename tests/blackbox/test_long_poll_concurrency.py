@@ -15,7 +15,7 @@ HELD_MAX = 32
 
 def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
     with FakePeer(answer(200)) as peer:
-        daemon = sandbox.start("-m", "1").wait_ready()
+        daemon = sandbox.start("-m", "1")
         assert register(daemon, "svc", peer.port) == OK
         assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "up", 5)
         index = reachability(daemon)["index"]
@@ -49,7 +49,7 @@ def test_long_poll_answers_on_change_or_after_its_wait(sandbox):
 
 
 def test_beyond_the_held_limit_requests_are_answered_at_once(sandbox):
-    daemon = sandbox.start().wait_ready()
+    daemon = sandbox.start()
     index = json.loads(daemon.request("GET", SVCMON + "?method=get_events").body)["index"]
     request = (f"GET {SVCMON}?method=get_events&index={index}&wait=60 HTTP/1.1\r\n"
                "Host: 127.0.0.1\r\n\r\n").encode()

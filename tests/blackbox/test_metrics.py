@@ -1,7 +1,6 @@
 """Metrics for fleets: GET /managerService/metrics answers the Prometheus text format,
 which promtool accepts even with quotes, backslashes and new lines in services' names,
 and which counts what the daemon saw."""
-import json
 import re
 import shutil
 import subprocess
@@ -9,23 +8,18 @@ import subprocess
 import pytest
 
 from fake_peer import FakePeer, answer
-from harness import OK, SVCMGR, free_port, wait_for
+from harness import OK, free_port, register, wait_for
 
 METRICS = "/managerService/metrics"
-
-
-def register_raw(daemon, name, port):
-    body = json.dumps({"method": "register", "name": name, "ip": "127.0.0.1", "port": port})
-    return daemon.request("POST", SVCMGR, body).body
 
 
 @pytest.mark.skipif(shutil.which("promtool") is None, reason="promtool (prometheus) missing")
 def test_metrics_are_valid_and_count_what_happened(sandbox):
     with FakePeer(answer(200)) as peer:
-        daemon = sandbox.start("-m", "1").wait_ready()
+        daemon = sandbox.start("-m", "1")
         odd = 'q"uo\\te\nline'
-        assert register_raw(daemon, odd, peer.port) == OK
-        assert register_raw(daemon, "gone", free_port()) == OK
+        assert register(daemon, odd, peer.port) == OK
+        assert register(daemon, "gone", free_port()) == OK
         daemon.request("GET", "/nowhere")
 
         def text():
@@ -45,4 +39,3 @@ def test_metrics_are_valid_and_count_what_happened(sandbox):
         for name in ("process_resident_memory_bytes", "process_open_fds",
                      "process_start_time_seconds", "process_cpu_seconds_total"):
             assert re.search(rf"^{name} \d", body, re.M), name
-        assert daemon.stop() == 0

@@ -139,17 +139,20 @@ def start_daemon(sandbox, *args, port=None):
     for name in ("index.html", "app.js"):
         with open(os.path.join(WEB_DIR, name), "rb") as page:
             sandbox.write(f"{HOME}/{name}", page.read())
-    return sandbox.start(*args, port=port).wait_ready()
+    return sandbox.start(*args, port=port)
 
 
 def press(page, selector):
     page.js(f"document.querySelector({json.dumps(selector)}).click()")
 
 
-@pytest.fixture
-def console(sandbox):
-    """The daemon at -m 1 with an up, a hung and a down service, fake init
-    scripts, and a desktop browser."""
+def stop_button(attribute):
+    return f"document.querySelector('#controls button[value=stop]').getAttribute('{attribute}')"
+
+
+def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
+    """The daemon at -m 1 with an up, a hung, a down and a leaving service, fake
+    init scripts, and a desktop browser."""
     for script in SCRIPTS:
         sandbox.write(script, SCRIPT, mode=0o755)
     with FakePeer(answer(200, b'{"events": [1]}')) as up, FakePeer(silent) as hung, \
@@ -157,85 +160,69 @@ def console(sandbox):
         daemon = start_daemon(sandbox, "-m", "1")
         for name, port in [("svc_up", up.port), ("svc_hung", hung.port), ("svc_down", free_port())]:
             register(daemon, name, port)
-        yield daemon, page
+        with FakePeer(answer(200)) as leaving:
+            register(daemon, "svc_leaving", leaving.port)
+            page.open(f"http://127.0.0.1:{daemon.port}{PAGE}")
+            # Problems first, each state in words.
+            expected = [["svc_down", "down"], ["svc_hung", "no answer"], ["svc_leaving", "up"],
+                        ["svc_up", "up"]]
+            assert wait_for(lambda: page.js(ROWS) == expected, 10), page.js(ROWS)
+            assert page.js("document.title") == "(2) Service monitor: 1 down, 1 no answer"
+            assert "svc_hung not checked yet \u2192 no answer" in page.js(
+                "document.getElementById('events').innerText")
+            page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
+                    "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
+        # A service stopped while the page is open is down within 2 s: its row
+        # moves among the problems; the others keep their nodes, the focus and
+        # the selection.
+        began = time.monotonic()
+        assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 10), page.js(ROWS)
+        took = time.monotonic() - began
+        assert page.js("document.activeElement === upRow.querySelector('button.name') && "
+                       f"upRow === {LAST_ROW}")
+        assert page.js("getSelection().toString()") == \
+            page.js("upRow.querySelector('td.address').textContent")
+        assert took <= deadline(2), f"shown down after {took:.1f} s"
+        # The history opens under its row, takes the focus and is announced.
+        assert page.js(f"{LAST_ROW}.querySelector('button.name').getAttribute('aria-label')") \
+            == "Show history of svc_up"
+        page.js(f"{LAST_ROW}.querySelector('button.name').click()")
+        assert wait_for(lambda: '"events"' in page.js(
+            f"{LAST_ROW}.querySelector('tr.service + tr.history pre').textContent"))
+        assert page.js(f"document.activeElement === {LAST_ROW}.querySelector('.history-box')")
+        assert wait_for(lambda: page.js("document.getElementById('announce').textContent")
+                        == "History of svc_up shown.")
+
+        # A control run: confirmation, "running" with the button disabled, then
+        # the outcome and the output's last lines.
+        press(page, "#controls button[value=stop]")
+        assert "runs /etc/init.d/services.sh stop: stops the device's services" in \
+            page.js("document.getElementById('confirm').open && "
+                    "document.getElementById('confirm-text').textContent")
+        press(page, "#confirm-run")
+        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
+        assert page.js(stop_button("aria-disabled")) == "true"
+        with open(device_path_of(daemon, GO), "w"):
+            pass
+        assert wait_for(lambda: page.js(RUNS)[0].startswith("ok (exit status 0) stop"))
+        assert page.js(RUNS)[0].endswith(
+            "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
+        assert page.js(stop_button("aria-disabled")) == "false"
+        assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
+        page.shoot("monitor-desktop", whole=True)
+        # The daemon stops: the page says so, greyed; a new daemon is a restart.
+        assert daemon.stop() == 0
+        assert wait_for(lambda: "daemon not answering since" in page.js("document.title"), 3)
+        assert page.js("document.body.classList.contains('stale-view') && "
+                       "!document.getElementById('stale').hidden")
+        start_daemon(sandbox, "-m", "1", port=daemon.port)
+        assert wait_for(lambda: page.js("document.getElementById('restarted').hidden") is False)
+        assert "events and runs from before the restart are gone" in \
+            page.js("document.getElementById('restarted').textContent")
+        assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
 
 
-def open_page(page, daemon):
-    page.open(f"http://127.0.0.1:{daemon.port}{PAGE}")
 
-
-def stop_button(attribute):
-    return f"document.querySelector('#controls button[value=stop]').getAttribute('{attribute}')"
-
-
-def test_console_shows_problems_history_runs_and_a_gone_daemon(console, sandbox):
-    daemon, page = console
-    open_page(page, daemon)
-    # Problems first, each state in words.
-    expected = [["svc_down", "down"], ["svc_hung", "no answer"], ["svc_up", "up"]]
-    assert wait_for(lambda: page.js(ROWS) == expected, 10), page.js(ROWS)
-    assert page.js("document.title") == "(2) Service monitor: 1 down, 1 no answer"
-    assert "svc_hung not checked yet \u2192 no answer" in page.js(
-        "document.getElementById('events').innerText")
-
-    # The history opens under its row, takes the focus and is announced.
-    assert page.js(f"{LAST_ROW}.querySelector('button.name').getAttribute('aria-label')") \
-        == "Show history of svc_up"
-    page.js(f"{LAST_ROW}.querySelector('button.name').click()")
-    assert wait_for(lambda: '"events"' in page.js(
-        f"{LAST_ROW}.querySelector('tr.service + tr.history pre').textContent"))
-    assert page.js(f"document.activeElement === {LAST_ROW}.querySelector('.history-box')")
-    assert wait_for(lambda: page.js("document.getElementById('announce').textContent")
-                    == "History of svc_up shown.")
-
-    # A control run: confirmation, "running" with the button disabled, then
-    # the outcome and the output's last lines.
-    press(page, "#controls button[value=stop]")
-    assert "runs /etc/init.d/services.sh stop: stops the device's services" in \
-        page.js("document.getElementById('confirm').open && "
-                "document.getElementById('confirm-text').textContent")
-    press(page, "#confirm-run")
-    assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
-    assert page.js(stop_button("aria-disabled")) == "true"
-    with open(device_path_of(daemon, GO), "w"):
-        pass
-    assert wait_for(lambda: page.js(RUNS)[0].startswith("ok (exit status 0) stop"))
-    assert page.js(RUNS)[0].endswith(
-        "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
-    assert page.js(stop_button("aria-disabled")) == "false"
-    assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
-    page.shoot("monitor-desktop", whole=True)
-
-    # The daemon stops: the page says so, greyed; a new daemon is a restart.
-    assert daemon.stop() == 0
-    assert wait_for(lambda: "daemon not answering since" in page.js("document.title"), 3)
-    assert page.js("document.body.classList.contains('stale-view') && "
-                   "!document.getElementById('stale').hidden")
-    start_daemon(sandbox, "-m", "1", port=daemon.port)
-    assert wait_for(lambda: page.js("document.getElementById('restarted').hidden") is False)
-    assert "events and runs from before the restart are gone" in \
-        page.js("document.getElementById('restarted').textContent")
-    assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
-
-
-def test_service_stopped_while_the_page_is_open_is_down_within_2_s_in_place(console):
-    daemon, page = console
-    with FakePeer(answer(200)) as leaving:
-        register(daemon, "svc_leaving", leaving.port)
-        open_page(page, daemon)
-        assert wait_for(lambda: page.js(ROWS)[2:] == [["svc_leaving", "up"], ["svc_up", "up"]], 10)
-        page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
-                "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
-    began = time.monotonic()
-    assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 10), page.js(ROWS)
-    took = time.monotonic() - began
-    # The row moved among the problems; the others kept their nodes, the
-    # focus and the selection.
-    assert page.js("document.activeElement === upRow.querySelector('button.name') && "
-                   f"upRow === {LAST_ROW}")
-    assert page.js("getSelection().toString()") == \
-        page.js("upRow.querySelector('td.address').textContent")
-    assert took <= deadline(2), f"shown down after {took:.1f} s"
 
 
 def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox, capsys):
