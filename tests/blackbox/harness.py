@@ -3,18 +3,16 @@
 the sandbox's upper directory, where the test reads it or puts what it should find."""
 import collections
 import contextlib
-import html
 import http.client
 import json
 import os
-import re
 import resource
+import select
 import shutil
 import signal
 import socket
 import stat
 import subprocess
-import tempfile
 import time
 import uuid
 
@@ -61,17 +59,19 @@ def port_answers(port):
         return False
 
 
+def connect(port, request=b""):
+    """A raw client connection that has sent request."""
+    sock = socket.create_connection(("127.0.0.1", port))
+    sock.sendall(request)
+    return sock
+
+
+def answered(sockets):
+    """The sockets with an answer (or a close) to read."""
+    return select.select(sockets, [], [], 0)[0]
+
+
 Reply = collections.namedtuple("Reply", "status headers body")  # header names lower case
-
-
-def http_request(port, method, path, body=None, headers=None, timeout=10):
-    with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port,
-                                                       timeout=deadline(timeout))) as conn:
-        conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
-                     headers=headers or {})
-        answer = conn.getresponse()
-        data = answer.read()
-        return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
 
 
 class Sandbox:
@@ -170,7 +170,13 @@ class Daemon:
         return self
 
     def request(self, method, path, body=None, headers=None, timeout=10):
-        return http_request(self.port, method, path, body, headers, timeout)
+        with contextlib.closing(http.client.HTTPConnection(
+                "127.0.0.1", self.port, timeout=deadline(timeout))) as conn:
+            conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
+                         headers=headers or {})
+            answer = conn.getresponse()
+            data = answer.read()
+            return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
         """Sends sig; returns the exit status."""
@@ -197,21 +203,6 @@ def register(daemon, name, port=80, ip="127.0.0.1"):
 def svcmon(daemon, query):
     """The parsed reply of GET svcmon?method=query (a long poll waits up to a minute)."""
     return json.loads(daemon.request("GET", f"{SVCMON}?method={query}", timeout=70).body)
-
-
-def chromium_result(url, budget_ms):
-    """Opens url in headless Chromium for budget_ms of the page's (virtual) time and
-    returns the JSON text that the page left in its <pre id="result">."""
-    with tempfile.TemporaryDirectory(prefix="chromium-") as profile:
-        done = subprocess.run(
-            [shutil.which("chromium"), "--headless", "--no-sandbox", "--disable-gpu",
-             "--no-first-run", f"--user-data-dir={profile}",
-             f"--virtual-time-budget={budget_ms}", "--dump-dom", url],
-            stdin=subprocess.DEVNULL, capture_output=True, timeout=deadline(60))
-    dom = done.stdout.decode("utf-8", "replace")
-    found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
-    assert found, dom[-2000:] + done.stderr.decode("utf-8", "replace")[-2000:]
-    return json.loads(html.unescape(found[1]))
 
 
 def reachability(daemon, query=""):

@@ -1,11 +1,10 @@
 """Relays to a silent service run within the pool's bounds, never on a listener;
 near the connection limit the longest waiting connections make room; a header
 trickler is cut off. Also runs against the ThreadSanitizer build."""
-import select
 import socket
 
 from fake_peer import FakePeer, silent
-from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, register, wait_for
+from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, answered, connect, register, wait_for
 
 HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.0.1\r\n"
            "Connection: close\r\n\r\n").encode()
@@ -15,16 +14,6 @@ RUNNING, WAITING, BEYOND = 64, 128, 10
 # Of the 256 connections, above 224 open the longest waiting are closed
 # until 192 are left.
 IDLE, FIRST_CLOSED, KEPT = 300, 40, 40
-
-
-def connect(port, request=b""):
-    sock = socket.create_connection(("127.0.0.1", port))
-    sock.sendall(request)
-    return sock
-
-
-def answered(sockets):
-    return select.select(sockets, [], [], 0)[0]
 
 
 def body_of(sock):

@@ -4,6 +4,7 @@ local clients and the daemon's own pages are served as before, whatever Host the
 name and however they send their body; an over-long body gets 413 even from BusyBox
 wget."""
 import http.server
+import json
 import shutil
 import socket
 import subprocess
@@ -11,8 +12,8 @@ import threading
 
 import pytest
 
-from harness import (OK, REGISTRY_FILE, SCRIPTS, SERVICES, SVCMGR, SVCMON, chromium_result,
-                     deadline, wait_for)
+from browser import Browser
+from harness import OK, REGISTRY_FILE, SCRIPTS, SERVICES, SVCMGR, SVCMON, deadline, wait_for
 
 WEB = SVCMON + "/web"
 CALLS = "/tmp/calls.log"
@@ -36,8 +37,7 @@ const send = (method, path, body) => fetch(path, {method, body}).then((r) => r.t
 </script>"""
 # Attacker page: for each target a no-cors fetch, a beacon and a text/plain form
 # whose body reads as the JSON text; the forms post into frames.
-ATTACK_PAGE = """<iframe name="f0"></iframe><iframe name="f1"></iframe>
-<pre id="result"></pre><script>
+ATTACK_PAGE = """<iframe name="f0"></iframe><iframe name="f1"></iframe><script>
 const attempts = [["{base}/services", '{stop}'], ["{base}/svcmgr", '{hijack}']];
 (async () => {{
   for (const [index, [url, body]] of attempts.entries()) {{
@@ -52,7 +52,6 @@ const attempts = [["{base}/services", '{stop}'], ["{base}/svcmgr", '{hijack}']];
     document.body.append(form);
     form.submit();
   }}
-  document.getElementById("result").textContent = "[]";
 }})();
 </script>"""
 
@@ -208,13 +207,18 @@ def test_a_page_of_another_origin_changes_nothing_and_the_own_page_works(daemon,
     site = http.server.ThreadingHTTPServer(("127.0.0.1", 0), AttackerSite)
     threading.Thread(target=site.serve_forever, daemon=True).start()
     before, runs = refusals(module_sandbox), script_runs(module_sandbox)
-    try:
-        assert chromium_result(f"http://127.0.0.1:{site.server_address[1]}/", 3000) == []
-    finally:
-        site.shutdown()
-    assert wait_for(lambda: refusals(module_sandbox) - before == 6), module_sandbox.debug_log()
-    assert_nothing_changed(daemon, module_sandbox, runs)
-    assert chromium_result(f"{base}/svcmon/web/own.html", 3000) == [
-        '{ "return": 0 }', '{ "return": 0, "name": "own", "ip": "127.0.0.1", "port": 9 }',
-        '{ "return": 0 }', '{ "return": -1 }']
+    result = "document.getElementById('result').textContent"
+    with Browser(800, 600) as page:
+        try:
+            page.open(f"http://127.0.0.1:{site.server_address[1]}/")
+            assert wait_for(lambda: refusals(module_sandbox) - before == 6, 10), (
+                module_sandbox.debug_log())
+        finally:
+            site.shutdown()
+        assert_nothing_changed(daemon, module_sandbox, runs)
+        page.open(f"{base}/svcmon/web/own.html")
+        assert wait_for(lambda: page.js(result))
+        assert json.loads(page.js(result)) == [
+            '{ "return": 0 }', '{ "return": 0, "name": "own", "ip": "127.0.0.1", "port": 9 }',
+            '{ "return": 0 }', '{ "return": -1 }']
     assert refusals(module_sandbox) - before == 6
