@@ -1,14 +1,10 @@
-"""The monitor page (web/) in headless Chromium, driven over the DevTools
-protocol: against the real daemon with an up, a hung and a down service
-(problems first, a service stopped while the page is open, a control run
-with its confirmation, outcome and output, the history under its row, the
-daemon stopped and restarted), on a phone with 220 services, and against a
-fake daemon that lacks the newer methods. With MANAGER_SVC_SCREENSHOTS set
-to a folder, the desktop and phone views are saved there as PNG files."""
-import http.server
+"""The monitor page (web/) in headless Chromium: against the real daemon (problems
+first, a service stopped while the page is open, a control run with its confirmation,
+outcome and output, the history under its row, the daemon stopped and restarted), on a
+phone with 220 services, and against a fake daemon that lacks the newer methods. With
+MANAGER_SVC_SCREENSHOTS set to a folder, the desktop and phone views are saved there."""
 import json
 import os
-import threading
 import time
 import urllib.parse
 
@@ -41,6 +37,7 @@ CARD_LINES = """Math.max(...Array.from(document.querySelectorAll('tr.service'), 
 RECENT_CHECKS = "Math.min(...Array.from(document.querySelectorAll('.strip'), (s) => s.children.length))"
 LAST_ROW = "document.querySelector('#services tbody:last-of-type')"
 RUNS = "Array.from(document.querySelectorAll('#runs li'), (li) => li.innerText)"
+STOP_DISABLED = "document.querySelector('#controls button[value=stop]').ariaDisabled"
 
 
 def start_daemon(sandbox, *args, port=None):
@@ -53,10 +50,6 @@ def start_daemon(sandbox, *args, port=None):
 
 def press(page, selector):
     page.js(f"document.querySelector({json.dumps(selector)}).click()")
-
-
-def stop_button(attribute):
-    return f"document.querySelector('#controls button[value=stop]').getAttribute('{attribute}')"
 
 
 def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
@@ -110,13 +103,13 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
                     "document.getElementById('confirm-text').textContent")
         press(page, "#confirm-run")
         assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
-        assert page.js(stop_button("aria-disabled")) == "true"
+        assert page.js(STOP_DISABLED) == "true"
         with open(device_path_of(daemon, GO), "w"):
             pass
         assert wait_for(lambda: page.js(RUNS)[0].startswith("ok (exit status 0) stop"))
         assert page.js(RUNS)[0].endswith(
             "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
-        assert page.js(stop_button("aria-disabled")) == "false"
+        assert page.js(STOP_DISABLED) == "false"
         assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
         page.shoot("monitor-desktop", whole=True)
         # The daemon stops: the page says so, greyed; a new daemon is a restart.
@@ -131,10 +124,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
 
 
-
-
-
-def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox, capsys):
+def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
     with FakePeer(answer(200)) as up, FakePeer(silent) as hung, Browser(390, 844, True) as page:
         daemon = start_daemon(sandbox, "-m", "2")
         # Of every 22 services one is hung, six are down (a closed port), 15 up.
@@ -149,9 +139,6 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox, capsy
                 states[70:] == ["up"] * 150
         assert wait_for(problems_first, 20), page.js(ROWS)
         assert page.js("document.getElementById('count').textContent") == "60 down, 10 no answer"
-        height = page.js("document.documentElement.scrollHeight")
-        with capsys.disabled():
-            print(f"\nphone page height with 220 services: {height} px")
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
         # A few checks in every strip, and one screen of each state.
@@ -164,71 +151,59 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox, capsy
         page.shoot("monitor-phone")
 
 
-class OlderDaemon(http.server.BaseHTTPRequestHandler):
-    """A daemon of an older build: no events, reachability without index or
-    states (or none, when the test says), control runs without output, a
-    system state; it stops answering when told."""
-    answering = True
-    REPLIES = {
-        "get_health_status": {"return": 0, "items": []},
-        "get_events": {"return": -1},
-        "get_reachability": {"return": 0, "period": 1, "items": [
-            {"name": "a_up", "ip": "127.0.0.1", "port": 7, "reachable": True, "failures": 0,
-             "error": "", "since": "2026-11-23T07:00:00Z", "latency_ms": 0.5},
-            {"name": "b<i>down", "ip": "127.0.0.1", "port": 8, "reachable": False, "failures": 4,
-             "error": "connection refused", "since": None, "latency_ms": None}]},
-        "get_control_runs": {"return": 0, "items": [
-            {"method": "start", "command": "/etc/init.d/services.sh start", "signal": None,
-             "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z",
-             "exit_status": 3}]}}
+# A daemon of an older build: no events, reachability without index or
+# states (or none, when the test says), control runs without output.
+OLDER_REPLIES = {
+    "get_health_status": {"return": 0, "items": []},
+    "get_events": {"return": -1},
+    "get_reachability": {"return": 0, "period": 1, "items": [
+        {"name": "a_up", "ip": "127.0.0.1", "port": 7, "reachable": True, "failures": 0,
+         "error": "", "since": "2026-11-23T07:00:00Z", "latency_ms": 0.5},
+        {"name": "b<i>down", "ip": "127.0.0.1", "port": 8, "reachable": False, "failures": 4,
+         "error": "connection refused", "since": None, "latency_ms": None}]},
+    "get_control_runs": {"return": 0, "items": [
+        {"method": "start", "command": "/etc/init.d/services.sh start", "signal": None,
+         "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z",
+         "exit_status": 3}]}}
 
-    def do_GET(self):
-        url = urllib.parse.urlsplit(self.path)
-        method = urllib.parse.parse_qs(url.query).get("method", [""])[0]
-        if not OlderDaemon.answering:
-            self.close_connection = True
-            return
-        if url.path == "/managerService/sys_state":
-            body = b'{"cpu": [3, 4]}'
-        elif url.path.startswith(SVCMON + "/web/"):
-            with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
-                body = page.read()
-        else:
-            body = json.dumps(self.REPLIES.get(method, {"return": -1})).encode()
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        self.wfile.write(body)
 
-    def log_message(self, *_):
-        pass
+def older_daemon(peer, conn):
+    """Answers as the older daemon: its replies, the pages of web/, a system state."""
+    url = urllib.parse.urlsplit(peer.requests[-1].split()[1])
+    method = urllib.parse.parse_qs(url.query).get("method", [""])[0]
+    if url.path == "/managerService/sys_state":
+        body = b'{"cpu": [3, 4]}'
+    elif url.path.startswith(SVCMON + "/web/"):
+        with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
+            body = page.read()
+    else:
+        body = json.dumps(OLDER_REPLIES.get(method, {"return": -1})).encode()
+    kind = {".html": "text/html", ".js": "application/javascript"}.get(
+        os.path.splitext(url.path)[1], "application/json")
+    answer(200, body, kind)(peer, conn)
 
 
 def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), OlderDaemon)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    try:
-        with Browser(390, 844, True) as page:
-            page.open(f"http://127.0.0.1:{server.server_address[1]}{PAGE}")
-            assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
-            assert "connection refused (4 checks in a row)" in page.js(
-                "document.querySelector('#services tbody').textContent")
-            assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
-                            == "Unknown: the daemon does not report events.")
-            assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
-            assert page.js(RUNS)[0].startswith("failed: exit status 3 start")
-            assert page.js("document.documentElement.scrollWidth") == 390
-            press(page, "#sys-state-box summary")
-            assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
-                            == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
-            # Without reachability at all, the list comes from the health status.
-            OlderDaemon.REPLIES["get_health_status"]["items"] = [
-                {"name": "c_only", "ip": "127.0.0.1", "port": 9, "health_status": "off-line"}]
-            OlderDaemon.REPLIES["get_reachability"] = {"return": -1}
-            assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
-            assert page.js("document.title") == "Service monitor: state unknown"
-            OlderDaemon.answering = False
-            assert wait_for(lambda: page.js("document.getElementById('count').textContent")
-                            .startswith("daemon not answering since"), 3)
-    finally:
-        server.shutdown()
+    with FakePeer(older_daemon) as older, Browser(390, 844, True) as page:
+        page.open(f"http://127.0.0.1:{older.port}{PAGE}")
+        assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
+        assert "connection refused (4 checks in a row)" in page.js(
+            "document.querySelector('#services tbody').textContent")
+        assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
+                        == "Unknown: the daemon does not report events.")
+        assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
+        assert page.js(RUNS)[0].startswith("failed: exit status 3 start")
+        assert page.js("document.documentElement.scrollWidth") == 390
+        press(page, "#sys-state-box summary")
+        assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
+                        == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
+        # Without reachability at all, the list comes from the health status.
+        OLDER_REPLIES["get_health_status"]["items"] = [
+            {"name": "c_only", "ip": "127.0.0.1", "port": 9, "health_status": "off-line"}]
+        OLDER_REPLIES["get_reachability"] = {"return": -1}
+        assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
+        assert page.js("document.title") == "Service monitor: state unknown"
+        older.behaviour = lambda peer, conn: None  # closes at once, unanswered
+        assert wait_for(lambda: page.js("document.getElementById('count').textContent")
+                        .startswith("daemon not answering since"), 3)
+
