@@ -175,19 +175,17 @@ class Daemon:
             conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
                          headers=headers or {})
             answer = conn.getresponse()
-            data = answer.read()
-            return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
+            return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()},
+                         answer.read())
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        """Sends sig; returns the exit status."""
-        if self.alive():
-            self.proc.send_signal(sig)
+        """Sends sig (unless it has ended); returns the exit status."""
+        self.proc.send_signal(sig)
         return self.proc.wait(deadline(timeout))
 
     def kill(self):
-        if self.alive():
-            self.proc.kill()
-            self.proc.wait()
+        self.proc.kill()
+        self.proc.wait()
 
 
 def device_path_of(daemon, device_path):
