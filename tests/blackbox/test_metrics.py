@@ -1,6 +1,6 @@
 """Metrics for fleets: GET /managerService/metrics answers the Prometheus text format,
 which promtool accepts even with quotes, backslashes and new lines in services' names,
-and which counts what the daemon saw."""
+and which counts what the daemon saw, each of a burst of control runs too."""
 import re
 import shutil
 import subprocess
@@ -8,23 +8,27 @@ import subprocess
 import pytest
 
 from fake_peer import FakePeer, answer
-from harness import OK, free_port, register, wait_for
+from harness import OK, SCRIPTS, SERVICES, free_port, register, wait_for
 
 METRICS = "/managerService/metrics"
 
 
 @pytest.mark.skipif(shutil.which("promtool") is None, reason="promtool (prometheus) missing")
 def test_metrics_are_valid_and_count_what_happened(sandbox):
+    sandbox.write(SCRIPTS[0], "#!/bin/sh\nexit 0\n", mode=0o755)
     with FakePeer(answer(200)) as peer:
         daemon = sandbox.start("-m", "1")
-        odd = 'q"uo\\te\nline'
-        assert register(daemon, odd, peer.port) == OK
+        assert register(daemon, 'q"uo\\te\nline', peer.port) == OK
         assert register(daemon, "gone", free_port()) == OK
         daemon.request("GET", "/nowhere")
+        for _ in range(300):  # a burst of control runs: every one runs
+            assert daemon.request("POST", SERVICES, '{"method": "start"}').body == OK
+        counted = ['result="up"} 1', 'state="down"} 0',
+                   'manager_svc_control_runs_total{method="start",outcome="succeeded"} 300\n']
 
         def text():
             return daemon.request("GET", METRICS).body.decode()
-        assert wait_for(lambda: 'result="up"} 1' in text() and 'state="down"} 0' in text(), 5)
+        assert wait_for(lambda: all(line in text() for line in counted), 30), text()
         reply = daemon.request("GET", METRICS)
         assert reply.headers["content-type"] == "text/plain; version=0.0.4; charset=utf-8"
         body = reply.body.decode()
