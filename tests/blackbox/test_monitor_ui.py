@@ -192,7 +192,8 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
                         == "Unknown: the daemon does not report events.")
         assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
-        assert page.js(RUNS)[0].startswith("failed: exit status 3 start")
+        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith(
+            "failed: exit status 3 start")), page.js(RUNS)
         assert page.js("document.documentElement.scrollWidth") == 390
         press(page, "#sys-state-box summary")
         assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")

@@ -41,7 +41,7 @@ def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
         assert register(daemon, "quiet", peer.port) == OK
         flood = [connect(daemon.port, HISTORY) for _ in range(RUNNING + WAITING + BEYOND)]
         assert peer.wait_requests(RUNNING), "the relays did not all reach the service"
-        assert wait_for(lambda: len(answered(flood)) == BEYOND)
+        assert wait_for(lambda: len(answered(flood)) == BEYOND, 15)
         early = answered(flood)
         assert [body_of(sock) for sock in early] == [FAILED] * BEYOND
         pending = [sock for sock in flood if sock not in early]
