@@ -1,6 +1,7 @@
 """A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`)
 says, one thread per connection, and notes the request heads (the daemon's reachability
-checks apart, in `checks`); stops with its with-block."""
+checks apart, in `checks`; a behaviour notes how they end in `endings`); stops with its
+with-block."""
 import socketserver
 import threading
 
@@ -25,7 +26,7 @@ class FakePeer(socketserver.ThreadingTCPServer):
 
     def __init__(self, behaviour, port=0):
         self.behaviour, self.requests, self.stopping = behaviour, [], threading.Event()
-        self.checks = []
+        self.checks, self.endings = [], []
         super().__init__(("127.0.0.1", port), PeerConnection)
         self.port = self.server_address[1]
 

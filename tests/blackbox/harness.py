@@ -3,18 +3,16 @@
 the sandbox's upper directory, where the test reads it or puts what it should find."""
 import collections
 import contextlib
-import html
 import http.client
 import json
 import os
-import re
 import resource
+import select
 import shutil
 import signal
 import socket
 import stat
 import subprocess
-import tempfile
 import time
 import uuid
 
@@ -28,6 +26,8 @@ DEBUG_LOG = "/Ombrix/.mgrsvc_log/.mgrsvc_log"
 DEFAULT_PORT = 10182
 SVCMGR = "/managerService/svcmgr"
 SVCMON = "/managerService/svcmon"
+SERVICES = "/managerService/services"
+SCRIPTS = ("/etc/init.d/services.sh", "/etc/init.d/fdr_services.sh")
 OK = b'{ "return": 0 }'
 
 
@@ -59,17 +59,19 @@ def port_answers(port):
         return False
 
 
+def connect(port, request=b""):
+    """A raw client connection that has sent request."""
+    sock = socket.create_connection(("127.0.0.1", port))
+    sock.sendall(request)
+    return sock
+
+
+def answered(sockets):
+    """The sockets with an answer (or a close) to read."""
+    return select.select(sockets, [], [], 0)[0]
+
+
 Reply = collections.namedtuple("Reply", "status headers body")  # header names lower case
-
-
-def http_request(port, method, path, body=None, headers=None, timeout=10):
-    with contextlib.closing(http.client.HTTPConnection("127.0.0.1", port,
-                                                       timeout=deadline(timeout))) as conn:
-        conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
-                     headers=headers or {})
-        answer = conn.getresponse()
-        data = answer.read()
-        return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()}, data)
 
 
 class Sandbox:
@@ -120,23 +122,30 @@ class Sandbox:
                               capture_output=True, timeout=deadline(timeout))
 
     def start(self, *args, add_port=True, nofile=None, port=None):
-        """Starts the daemon with "-p PORT" (`port`, else a free port) and args;
-        `nofile` is its (soft, hard) descriptor limit."""
+        """Starts the daemon with "-p PORT" (`port`, else a free port) and args, and
+        waits until it is ready; `nofile` is its (soft, hard) descriptor limit."""
         port = port or (free_port() if add_port else None)
         self.daemons.append(Daemon(self, args, port, nofile))
-        return self.daemons[-1]
+        return self.daemons[-1].wait_ready()
 
     def cleanup(self):
+        """Stops the daemons still running: each must end with status 0, unless killed."""
+        failed = []
         for daemon in self.daemons:
-            daemon.kill()
+            try:
+                if daemon.stop() != 0 and not daemon.killed:
+                    failed.append(daemon.stderr_text()[-4000:])
+            finally:
+                daemon.kill()
         shutil.rmtree(self.root, ignore_errors=True)
+        assert not failed, failed
 
 
 class Daemon:
     """One run of the daemon in a sandbox; its console output in a file."""
 
     def __init__(self, sandbox, args, port, nofile):
-        self.sandbox, self.port = sandbox, port or DEFAULT_PORT
+        self.sandbox, self.port, self.killed = sandbox, port or DEFAULT_PORT, False
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
         with open(self.stderr_path, "wb") as out:
             self.proc = subprocess.Popen(
@@ -161,18 +170,23 @@ class Daemon:
         return self
 
     def request(self, method, path, body=None, headers=None, timeout=10):
-        return http_request(self.port, method, path, body, headers, timeout)
+        with contextlib.closing(http.client.HTTPConnection(
+                "127.0.0.1", self.port, timeout=deadline(timeout))) as conn:
+            conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
+                         headers=headers or {})
+            answer = conn.getresponse()
+            return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()},
+                         answer.read())
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        """Sends sig; returns the exit status."""
-        if self.alive():
-            self.proc.send_signal(sig)
+        """Sends sig (unless it has ended); returns the exit status."""
+        self.proc.send_signal(sig)
         return self.proc.wait(deadline(timeout))
 
     def kill(self):
-        if self.alive():
-            self.proc.kill()
-            self.proc.wait()
+        self.killed = True
+        self.proc.kill()
+        self.proc.wait()
 
 
 def device_path_of(daemon, device_path):
@@ -181,29 +195,18 @@ def device_path_of(daemon, device_path):
 
 
 def register(daemon, name, port=80, ip="127.0.0.1"):
-    body = f'{{"method": "register", "name": "{name}", "ip": "{ip}", "port": {port}}}'
-    return daemon.request("POST", SVCMGR, body).body
+    body = {"method": "register", "name": name, "ip": ip, "port": port}
+    return daemon.request("POST", SVCMGR, json.dumps(body, ensure_ascii=False)).body
 
 
-def chromium_result(url, budget_ms):
-    """Opens url in headless Chromium for budget_ms of the page's (virtual) time and
-    returns the JSON text that the page left in its <pre id="result">."""
-    with tempfile.TemporaryDirectory(prefix="chromium-") as profile:
-        done = subprocess.run(
-            [shutil.which("chromium"), "--headless", "--no-sandbox", "--disable-gpu",
-             "--no-first-run", f"--user-data-dir={profile}",
-             f"--virtual-time-budget={budget_ms}", "--dump-dom", url],
-            stdin=subprocess.DEVNULL, capture_output=True, timeout=deadline(60))
-    dom = done.stdout.decode("utf-8", "replace")
-    found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
-    assert found, dom[-2000:] + done.stderr.decode("utf-8", "replace")[-2000:]
-    return json.loads(html.unescape(found[1]))
+def svcmon(daemon, query):
+    """The parsed reply of GET svcmon?method=query (a long poll waits up to a minute)."""
+    return json.loads(daemon.request("GET", f"{SVCMON}?method={query}", timeout=70).body)
 
 
 def reachability(daemon, query=""):
     """The get_reachability reply (query: more arguments, "&index=...")."""
-    reply = daemon.request("GET", f"{SVCMON}?method=get_reachability{query}", timeout=70)
-    return json.loads(reply.body)
+    return svcmon(daemon, "get_reachability" + query)
 
 
 def reachability_items(daemon):

@@ -1,16 +1,13 @@
-"""Service control: each method runs its init script (fakes in the
-sandbox), the runs are listed with their outcome, at most 32 run at once,
-and SIGINT stops the daemon while a script still runs."""
+"""Service control: each method runs its init script (fakes in the sandbox), the
+runs are listed with their outcome and output, at most 32 run at once, and SIGINT
+stops the daemon while a script still runs."""
 import contextlib
-import json
 import os
 import re
 import signal
 
-from harness import OK, SVCMON, wait_for
+from harness import OK, SCRIPTS, SERVICES, svcmon, wait_for
 
-SERVICES = "/managerService/services"
-SCRIPTS = ("/etc/init.d/services.sh", "/etc/init.d/fdr_services.sh")
 CALLS = "/tmp/calls.log"
 # Notes its command line; "start" fails with 3, "stop" and "restart" wait 10 s.
 SCRIPT = f"""#!/bin/sh
@@ -26,23 +23,22 @@ def post(daemon, body):
 
 
 def outcomes(daemon):
-    reply = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)
     return [(r["command"].split("/")[-1], r["exit_status"], r["signal"], r["ended"] is None)
-            for r in reply["items"]]
+            for r in svcmon(daemon, "get_control_runs")["items"]]
 
 
 def shells(pid):
     found = []
     for task in os.listdir(f"/proc/{pid}/task"):
         with contextlib.suppress(FileNotFoundError):  # a thread that ended meanwhile
-            found += [int(child) for child in open(f"/proc/{pid}/task/{task}/children").read().split()]
+            found += map(int, open(f"/proc/{pid}/task/{task}/children").read().split())
     return found
 
 
 def test_methods_runs_and_stop_while_a_script_runs(sandbox):
     for path in SCRIPTS:
         sandbox.write(path, SCRIPT, mode=0o755)
-    daemon = sandbox.start("-v", "2").wait_ready()
+    daemon = sandbox.start("-v", "2")
     for body in ['{"method": "Start"}', '{"method": 1}', '["start"]', ""]:
         assert post(daemon, body) == b'{ "return": -1 }', body
     for count, method in enumerate(("start", "fdr_restart", "stop"), start=1):
@@ -75,17 +71,14 @@ def test_output_kept_and_scripts_start_with_the_default_oom_score(sandbox):
     sandbox.write(SCRIPTS[0], "#!/bin/sh\necho out; echo err >&2\n"
                   "head -c 5000 /dev/zero | tr '\\0' x\ncat /proc/self/oom_score_adj\n", mode=0o755)
     saved = set_oom_score("-500")  # where allowed, the daemon inherits a low score
-    daemon = sandbox.start().wait_ready()
+    daemon = sandbox.start()
     set_oom_score(saved)
-    index = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["index"]
+    index = svcmon(daemon, "get_control_runs")["index"]
     assert post(daemon, '{"method": "start"}') == OK
-    reply = json.loads(daemon.request(
-        "GET", SVCMON + f"?method=get_control_runs&index={index}&wait=10").body)
-    assert reply["index"] > index
+    assert svcmon(daemon, f"get_control_runs&index={index}&wait=10")["index"] > index
     assert wait_for(lambda: outcomes(daemon) == [("services.sh start", 0, None, False)])
-    run = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["items"][0]
+    run = svcmon(daemon, "get_control_runs")["items"][0]
     assert run["output"] == "x" * (4096 - 2) + "0\n" and run["error"] is None
-    assert daemon.stop() == 0
 
 
 def start_runs(daemon):
@@ -98,11 +91,11 @@ def test_at_most_32_scripts_run_at_once_and_the_rest_are_recorded(sandbox):
     go = "/tmp/go"  # written in place: the sandbox's overlay may not see a new file
     sandbox.write(go, "")
     sandbox.write(SCRIPTS[0], f"#!/bin/sh\nuntil grep -q go {go}; do sleep 0.05; done\n", mode=0o755)
-    daemon = sandbox.start().wait_ready()
+    daemon = sandbox.start()
     for _ in range(40):
         assert post(daemon, '{"method": "start"}') == OK
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 8})
-    runs = json.loads(daemon.request("GET", SVCMON + "?method=get_control_runs").body)["items"]
+    runs = svcmon(daemon, "get_control_runs")["items"]
     assert [r["error"] for r in runs[:9]] == ["too many scripts running"] * 8 + [None]
     sandbox.write(go, "go")
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 8, "succeeded": 32}, 10)
@@ -110,4 +103,3 @@ def test_at_most_32_scripts_run_at_once_and_the_rest_are_recorded(sandbox):
         assert post(daemon, '{"method": "start"}') == OK
     assert wait_for(lambda: sum(start_runs(daemon).values()) == 340, 30), start_runs(daemon)
     assert set(start_runs(daemon)) == {"not_started", "succeeded"}
-    assert daemon.stop() == 0

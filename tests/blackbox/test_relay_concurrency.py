@@ -1,11 +1,10 @@
 """Relays to a silent service run within the pool's bounds, never on a listener;
 near the connection limit the longest waiting connections make room; a header
 trickler is cut off. Also runs against the ThreadSanitizer build."""
-import select
 import socket
 
 from fake_peer import FakePeer, silent
-from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, register, wait_for
+from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, answered, connect, register, wait_for
 
 HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.0.1\r\n"
            "Connection: close\r\n\r\n").encode()
@@ -15,16 +14,6 @@ RUNNING, WAITING, BEYOND = 64, 128, 10
 # Of the 256 connections, above 224 open the longest waiting are closed
 # until 192 are left.
 IDLE, FIRST_CLOSED, KEPT = 300, 40, 40
-
-
-def connect(port, request=b""):
-    sock = socket.create_connection(("127.0.0.1", port))
-    sock.sendall(request)
-    return sock
-
-
-def answered(sockets):
-    return select.select(sockets, [], [], 0)[0]
 
 
 def body_of(sock):
@@ -47,12 +36,12 @@ def closed_by_server(sock):
 
 
 def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
-    daemon = sandbox.start("-t", "2").wait_ready()
+    daemon = sandbox.start("-t", "2")
     with FakePeer(silent) as peer:
         assert register(daemon, "quiet", peer.port) == OK
         flood = [connect(daemon.port, HISTORY) for _ in range(RUNNING + WAITING + BEYOND)]
         assert peer.wait_requests(RUNNING), "the relays did not all reach the service"
-        assert wait_for(lambda: len(answered(flood)) == BEYOND)
+        assert wait_for(lambda: len(answered(flood)) == BEYOND, 15)
         early = answered(flood)
         assert [body_of(sock) for sock in early] == [FAILED] * BEYOND
         pending = [sock for sock in flood if sock not in early]
@@ -65,7 +54,7 @@ def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
 
 
 def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
-    daemon = sandbox.start().wait_ready()
+    daemon = sandbox.start()
     with FakePeer(silent) as peer:
         assert register(daemon, "quiet", peer.port) == OK
         relays = [connect(daemon.port, HISTORY) for _ in range(20)]
@@ -81,6 +70,3 @@ def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
     trickler = connect(daemon.port, GET_INFO.split(b"\r\n")[0] + b"\r\n")
     assert wait_for(lambda: trickler.sendall(b"X-Slow: 1\r\n") or closed_by_server(trickler),
                     15, interval=1), "header trickler kept"
-    for sock in idle + [trickler]:
-        sock.close()
-    assert daemon.stop() == 0

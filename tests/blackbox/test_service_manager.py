@@ -8,14 +8,13 @@ import pytest
 from harness import OK, REGISTRY_FILE, SVCMGR, register
 
 REGISTER_A = '{"method": "register", "name": "svcA", "ip": "127.0.0.7", "port": 80}'
+CUT = '{"method": "register", "name": "@", "ip": "127.0.0.1", "port": 5}'
 BIG_BODY = '{"method": "register", "name": "big", "port": 1}'.ljust(64 * 1024)
 
 
 @pytest.fixture(scope="module")
 def daemon(module_sandbox):
-    daemon = module_sandbox.start("-v", "2").wait_ready()
-    yield daemon
-    assert daemon.stop() == 0, daemon.stderr_text()[-4000:]
+    return module_sandbox.start("-v", "2")
 
 
 # Walked in order against one daemon: method, path, body, status, reply.
@@ -39,8 +38,14 @@ WALK = [
     ("POST", SVCMGR, BIG_BODY + " ", 413, None),
     ("POST", SVCMGR, BIG_BODY, 200, OK),
     ("PUT", SVCMGR, "{}", 405, None),
+    ("HEAD", SVCMGR, None, 405, None),
     ("GET", "/managerService/nothing", None, 404, None),
     ("DELETE", SVCMGR + "?method=unregister&name=big", None, 200, OK),
+    # A name cut to its buffer stays UTF-8: no half of the euro sign is kept.
+    ("POST", SVCMGR, CUT.replace("@", "a" * 29 + "\u20ac"), 200, OK),
+    ("GET", SVCMGR + "?method=get_info&name=" + "a" * 29, None, 200,
+     b'{ "return": 0, "name": "' + b"a" * 29 + b'", "ip": "127.0.0.1", "port": 5 }'),
+    ("DELETE", SVCMGR + "?method=unregister&name=" + "a" * 29, None, 200, OK),
 ]
 
 

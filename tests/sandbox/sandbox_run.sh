@@ -1,13 +1,12 @@
 #!/bin/sh
-# Runs a command in a private mount namespace, chrooted into an overlay of
-# the host's root: what it writes lands in ROOT/upper, where the test reads
-# it; the host's files are never touched. Of the device's fixed paths it sees
-# only what the test put into ROOT/upper: a whiteout hides each other one, a
-# directory the test put there is made opaque. When ROOT lies on an overlay
-# (a container), a tmpfs is mounted on ROOT as it is made, in the caller's
-# namespace; a caller that fills ROOT/upper first makes it with --prepare.
+# Runs a command in a private mount namespace, chrooted into an overlay of the
+# host's root: what it writes lands in ROOT/upper (the host's files are never
+# touched). Of the device's fixed paths it sees only what the test put into
+# ROOT/upper: a whiteout hides each other one, a directory put there is made
+# opaque. When ROOT lies on an overlay (a container), a tmpfs is mounted on it,
+# in the caller's namespace.
 # usage: sandbox_run.sh [--fresh | --prepare] ROOT [COMMAND [ARG...]]
-#   --fresh: empty ROOT first; --prepare: only make ROOT.
+#   --fresh: empty ROOT first; --prepare: only make ROOT (to fill ROOT/upper).
 # Every step execs, so signals sent to this script's pid reach the command.
 set -eu
 FIXED_PATHS="/tmp/.manager_svc.inf /var/.mgrsvc_ok /Ombrix /etc/init.d/services.sh
