@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <vector>
 
 #include "control/control_runs.h"
@@ -151,7 +152,7 @@ unsigned long long boot_time_seconds() {
         if (key == "btime") {
             return value;
         }
-        stat.ignore(static_cast<std::streamsize>(-1) >> 1, '\n');
+        stat.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
     }
     return 0;
 }

@@ -4,6 +4,7 @@ and which counts what the daemon saw, control runs too."""
 import re
 import shutil
 import subprocess
+import time
 
 import pytest
 
@@ -43,3 +44,5 @@ def test_metrics_are_valid_and_count_what_happened(sandbox):
         for name in ("process_resident_memory_bytes", "process_open_fds",
                      "process_start_time_seconds", "process_cpu_seconds_total"):
             assert re.search(rf"^{name} \d", body, re.M), name
+        started = float(re.search(r"^process_start_time_seconds (\S+)", body, re.M)[1])
+        assert abs(started - time.time()) < 60  # this daemon's start, not the machine's
