@@ -67,6 +67,9 @@ void set_get_options(CURL* curl, const char* url, std::string* response) {
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, response);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, HTTP_GET_TIMEOUT_SECONDS);
+    // Services on the device are reached directly, never through a proxy
+    // that the environment might name.
+    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
     curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, PLAIN_HTTP_ONLY);
 }

@@ -29,6 +29,9 @@ SVCMON = "/managerService/svcmon"
 SERVICES = "/managerService/services"
 SCRIPTS = ("/etc/init.d/services.sh", "/etc/init.d/fdr_services.sh")
 OK = b'{ "return": 0 }'
+# Every daemon runs with a proxy in its environment that leads nowhere: the
+# relays must reach the device's services directly.
+DAEMON_ENV = dict(os.environ, http_proxy="http://127.0.0.1:1")
 
 
 def deadline(seconds):
@@ -150,7 +153,7 @@ class Daemon:
         with open(self.stderr_path, "wb") as out:
             self.proc = subprocess.Popen(
                 sandbox.command((["-p", port] if port else []) + list(args)),
-                stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=DAEMON_ENV,
                 preexec_fn=lambda: nofile and resource.setrlimit(resource.RLIMIT_NOFILE, nofile))
         self.pid = self.proc.pid
 
