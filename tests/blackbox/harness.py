@@ -77,6 +77,17 @@ def answered(sockets):
 Reply = collections.namedtuple("Reply", "status headers body")  # header names lower case
 
 
+def http_request(port, method, path, body=None, headers=None, timeout=10):
+    """One request on a connection of its own (the benchmarks use it too)."""
+    with contextlib.closing(http.client.HTTPConnection(
+            "127.0.0.1", port, timeout=deadline(timeout))) as conn:
+        conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
+                     headers=headers or {})
+        answer = conn.getresponse()
+        return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()},
+                     answer.read())
+
+
 class Sandbox:
     """A scratch device root for one or more runs of the daemon."""
 
@@ -173,13 +184,7 @@ class Daemon:
         return self
 
     def request(self, method, path, body=None, headers=None, timeout=10):
-        with contextlib.closing(http.client.HTTPConnection(
-                "127.0.0.1", self.port, timeout=deadline(timeout))) as conn:
-            conn.request(method, path, body=body.encode() if isinstance(body, str) else body,
-                         headers=headers or {})
-            answer = conn.getresponse()
-            return Reply(answer.status, {k.lower(): v for k, v in answer.getheaders()},
-                         answer.read())
+        return http_request(self.port, method, path, body, headers, timeout)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
         """Sends sig (unless it has ended); returns the exit status."""
