@@ -1,36 +1,37 @@
 // web_pages.cpp - the monitor's web pages (see the header). Owns
-// g_svcmon_home_path and its resolved form g_real_home_path, both written
-// before the server starts and read-only afterwards (no lock).
-// Served: regular files whose real path, read back from the opened file (an
-// O_PATH descriptor, through /proc/self/fd), lies inside the real home
-// directory, so a directory or symlink swapped in after the check leads
-// nowhere else; anything else gets the 404 page. Sent: libmicrohttpd sends
-// the checked descriptor with sendfile, so a reply holds no copy of the page.
-// The length is the size at open: a file being appended to is sent up to
-// that length; one cut shorter meanwhile gets a short reply, its connection
-// closed by the idle limit. ETag (device, inode, size, modification time),
-// Last-Modified and "Cache-Control: no-cache" make a browser ask again each
-// time; a matching If-None-Match (or "*"), or else an If-Modified-Since not
-// older than the file, gets 304 with the page's length and no body.
+// g_svcmon_home_path, written before the server starts, then only read.
+// Each request opens the home directory, then the page below it with
+// openat2 RESOLVE_BENEATH (Linux 5.6), which refuses any path leading out of
+// it however directories and symlinks are swapped meanwhile; non-blocking,
+// so a FIFO cannot hold the thread. An absolute symlink, or an older kernel,
+// takes the slower check: the path opened with O_PATH must, as
+// /proc/self/fd names it, lie inside the home directory. Only a regular file
+// is served, up to its size at open; anything else gets the 404 page.
+// ETag (device, inode, size, modification time), Last-Modified and
+// "Cache-Control: no-cache" make a browser ask again each time; a matching
+// If-None-Match (or "*"), or else an If-Modified-Since not older than the
+// file, gets 304 with the page's length and no body.
 #include "monitor/web_pages.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
-#include <sstream>
 
 #include "common/print_log.h"
 #include "endpoints/handler_guard.h"
 #include "endpoints/ssci_response.h"
 
-char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
-
 namespace {
+
+constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
+char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
 
 constexpr const char WEB_START_PAGE[] = "/managerService/svcmon/web/index.html";
 // Extension (after the last ".") to content type, searched in order.
@@ -48,20 +49,9 @@ constexpr const char HEADER_CACHE_CONTROL[] = "Cache-Control";
 constexpr const char HEADER_IF_NONE_MATCH[] = "If-None-Match";
 constexpr const char HEADER_IF_MODIFIED_SINCE[] = "If-Modified-Since";
 constexpr const char REVALIDATE_EACH_TIME[] = "no-cache";
-constexpr const char WEAK_TAG_PREFIX[] = "W/";
 // No other site may show a page in a frame (clickjacking).
 constexpr const char* const FRAMING_HEADERS[][2] = {
     {"X-Frame-Options", "DENY"}, {"Content-Security-Policy", "frame-ancestors 'none'"}};
-
-// The canonical absolute form of an existing path, or "" when it has none.
-std::string real_path_of(const std::string& path) {
-    char resolved[PATH_MAX];
-    return path.empty() || realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
-}
-
-// The home path with its symlinks resolved when it is set; empty while the
-// directory does not exist (requests then resolve it themselves).
-std::string g_real_home_path;
 
 std::string entity_tag(const struct stat& info) {
     using number = unsigned long long;
@@ -93,24 +83,6 @@ bool parse_http_date(const std::string& text, time_t* seconds) {
     return *seconds != static_cast<time_t>(-1);
 }
 
-// True when one entry of the If-None-Match list ("*" or tags separated by
-// commas, weak or strong) names this tag.
-bool tag_list_names(const std::string& list, const std::string& tag) {
-    std::istringstream entries(list);
-    std::string entry;
-    while (std::getline(entries, entry, ',')) {
-        entry.erase(entry.find_last_not_of(" \t") + 1);
-        entry.erase(0, entry.find_first_not_of(" \t"));
-        if (entry.compare(0, sizeof WEAK_TAG_PREFIX - 1, WEAK_TAG_PREFIX) == 0) {
-            entry.erase(0, sizeof WEAK_TAG_PREFIX - 1);
-        }
-        if (entry == "*" || entry == tag) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // The type for the text after the last "." of the whole path (a "." in a
 // directory name included), case-sensitive; "text/html" otherwise.
 const char* web_content_type(const std::string& abs_path) {
@@ -124,18 +96,23 @@ const char* web_content_type(const std::string& abs_path) {
     return DEFAULT_CONTENT_TYPE;
 }
 
-// False when the related path has a ".." segment.
+// False when the related path has a ".." segment, or when no "/" joins it
+// to the home path (the two would name a file beside the home directory).
 bool web_related_path_allowed(const std::string& related_path) {
-    return ("/" + related_path + "/").find(PARENT_SEGMENT) == std::string::npos;
+    const std::string home = g_svcmon_home_path;
+    return ("/" + related_path + "/").find(PARENT_SEGMENT) == std::string::npos &&
+           (related_path[0] == '/' || (!home.empty() && home.back() == '/'));
 }
 
 // True when the request's If-None-Match (or, without it, its
-// If-Modified-Since) says that the client holds this version already.
+// If-Modified-Since) says that the client holds this version already. A
+// tag holds no comma or space, so a list of tags names it when it occurs in
+// the list at all; "*" names every tag.
 bool web_page_unchanged(const httpserver::http_request& request, const std::string& etag,
                         time_t modified) {
     const std::string tags = request.get_header(HEADER_IF_NONE_MATCH);
     if (!tags.empty()) {
-        return tag_list_names(tags, etag);
+        return tags == "*" || tags.find(etag) != std::string::npos;
     }
     time_t since = 0;
     return parse_http_date(request.get_header(HEADER_IF_MODIFIED_SINCE), &since) &&
@@ -146,44 +123,69 @@ std::string fd_link(int fd) {
     return "/proc/self/fd/" + std::to_string(fd);
 }
 
-// True when the path of the opened file, as the kernel names it, lies
-// strictly below real_home (canonical).
-bool opened_inside(int fd, const std::string& real_home) {
+// The path of an open file as the kernel names it, or "".
+std::string opened_path(int fd) {
     char target[PATH_MAX];
     const ssize_t length = readlink(fd_link(fd).c_str(), target, sizeof target);
-    const std::string below = real_home == "/" ? real_home : real_home + "/";
-    return length > 0 && static_cast<std::size_t>(length) < sizeof target &&
-           static_cast<std::size_t>(length) > below.size() &&
-           below.compare(0, below.size(), target, below.size()) == 0;
+    return length > 0 && static_cast<std::size_t>(length) < sizeof target
+               ? std::string(target, length)
+               : "";
 }
 
-// Opens abs_path (symlinks followed) without reading it, checks the file
-// actually opened - a regular file inside real_home - and opens that same
-// file (not the same name) for reading. The descriptor, or -1; *info is its
-// fstat.
-int open_checked_file(const std::string& real_home, const std::string& abs_path,
-                      struct stat* info) {
+// True when the file opened as fd lies strictly below the directory home.
+bool opened_inside(int fd, int home) {
+    const std::string target = opened_path(fd), directory = opened_path(home);
+    const std::string below = directory == "/" ? directory : directory + "/";
+    return !directory.empty() && target.size() > below.size() &&
+           target.compare(0, below.size(), below) == 0;
+}
+
+// Opens related_path below home for reading without ever leaving home; -1
+// with errno EXDEV when the path would (an absolute symlink included).
+int open_beneath(int home, const std::string& related_path) {
+    open_how how{};
+    how.flags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    const std::string name = "./" + related_path;
+    return static_cast<int>(syscall(SYS_openat2, home, name.c_str(), &how, sizeof how));
+}
+
+// Opens abs_path (symlinks followed) without reading it and checks the
+// file actually opened, a regular file inside home, before it opens that
+// same file (not the same name) for reading; -1 otherwise.
+int open_checked_file(int home, const std::string& abs_path) {
     const int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
     if (path_fd < 0) {
         return -1;
     }
-    int fd = -1;
-    if (fstat(path_fd, info) == 0 && S_ISREG(info->st_mode) && opened_inside(path_fd, real_home)) {
-        // The same inode, known to be a regular file, so the open cannot
-        // block; the length and validators are those of the check.
-        fd = open(fd_link(path_fd).c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
-    }
+    struct stat info;
+    const int fd =
+        fstat(path_fd, &info) == 0 && S_ISREG(info.st_mode) && opened_inside(path_fd, home)
+            ? open(fd_link(path_fd).c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)
+            : -1;
     close(path_fd);
     return fd;
 }
 
-// The checked page file for this request, or -1.
+// The page file for this request, a regular file inside the home
+// directory, or -1; *info is its fstat.
 int open_page(const std::string& related_path, const std::string& abs_path, struct stat* info) {
-    const std::string real_home =
-        g_real_home_path.empty() ? real_path_of(g_svcmon_home_path) : g_real_home_path;
-    return !web_related_path_allowed(related_path) || real_home.empty()
-               ? -1
-               : open_checked_file(real_home, abs_path, info);
+    const int home = web_related_path_allowed(related_path)
+                         ? open(g_svcmon_home_path, O_PATH | O_DIRECTORY | O_CLOEXEC)
+                         : -1;
+    if (home < 0) {
+        return -1;
+    }
+    int fd = open_beneath(home, related_path);
+    if (fd < 0 && (errno == EXDEV || errno == ENOSYS)) {
+        fd = open_checked_file(home, abs_path);
+    }
+    close(home);
+    if (fd >= 0 && (fstat(fd, info) != 0 || !S_ISREG(info->st_mode))) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
 }
 
 std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::string& str_url) {
@@ -263,7 +265,6 @@ const std::shared_ptr<httpserver::http_response> framed_web_reply(
 
 void svcmon_set_home_path(const char* path) {
     snprintf(g_svcmon_home_path, sizeof g_svcmon_home_path, "%s", path);
-    g_real_home_path = real_path_of(g_svcmon_home_path);
 }
 
 bool web_page_path(const std::string& request_path) {

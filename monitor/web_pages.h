@@ -1,8 +1,8 @@
 // web_pages.h - the monitor's web pages: static files under the home path,
 // served for every GET (and HEAD) below "/managerService/svcmon/web".
-// g_svcmon_home_path is written once on the main thread before the server
-// starts and only read afterwards (no lock). proc_web_service runs on any
-// listener thread, several at once, and shares nothing between calls.
+// svcmon_set_home_path runs once on the main thread before the server
+// starts. proc_web_service runs on any listener thread, several at once,
+// and shares nothing between calls.
 #ifndef MANAGER_SVC_WEB_PAGES_H
 #define MANAGER_SVC_WEB_PAGES_H
 
@@ -11,9 +11,6 @@
 #include <string>
 
 #include "platform/httpserver.h"
-
-constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
-extern char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
 
 // The request paths that the web pages own (a plain 26-character prefix).
 constexpr const char WEB_PREFIX[] = "/managerService/svcmon/web";

@@ -4,12 +4,14 @@
 // that handles it (or the relay worker that answers it). A string_response
 // hands its body to libmicrohttpd without a copy, so the server keeps the
 // response object alive until the request is complete; a file_response
-// hands over its descriptor instead.
+// hands over its descriptor instead, or a copy of a small file.
 #include "platform/httpserver.h"
 
 #include <microhttpd.h>
 #include <strings.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include <utility>
 
@@ -104,13 +106,35 @@ file_response::~file_response() {
     }
 }
 
+// A copy of a small file, or null (the file then goes by sendfile).
+MHD_Response* file_response::copied_response() const {
+    if (size == 0 || size > COPIED_FILE_BYTES) {
+        return nullptr;
+    }
+    char* copy = static_cast<char*>(malloc(size));
+    const ssize_t length = copy == nullptr ? -1 : pread(fd, copy, size, 0);
+    MHD_Response* raw = length < 0 ? nullptr
+                                   : MHD_create_response_from_buffer(
+                                         length, copy, MHD_RESPMEM_MUST_FREE);
+    if (raw == nullptr) {
+        free(copy);
+    }
+    return raw;
+}
+
 // Made once per response: the descriptor passes to the raw response, which
-// closes it. When none can be made, it stays here and the destructor closes it.
+// closes it, or is closed once its file is copied. When no raw response can
+// be made, it stays here and the destructor closes it.
 MHD_Response* file_response::get_raw_response() {
     if (fd < 0) {
         return nullptr;
     }
-    MHD_Response* raw = MHD_create_response_from_fd64(size, fd);
+    MHD_Response* raw = copied_response();
+    if (raw != nullptr) {
+        close(fd);
+    } else {
+        raw = MHD_create_response_from_fd64(size, fd);
+    }
     if (raw != nullptr) {
         fd = -1;
     }

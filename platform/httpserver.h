@@ -97,8 +97,10 @@ private:
     std::string content;
 };
 
-// The first `size` bytes of an open file, sent by libmicrohttpd straight
-// from the file (sendfile), so the reply holds no copy of them. The
+// The first `size` bytes of an open file. A file of up to COPIED_FILE_BYTES
+// is read into the reply, so one write carries head and body (libmicrohttpd
+// sends the head of a file reply on its own); a larger one goes straight
+// from the file (sendfile), so the reply holds no copy of it. The
 // descriptor belongs to this object until get_raw_response hands it to the
 // raw response (which closes it when it is destroyed); whoever holds it
 // closes it on every path.
@@ -110,6 +112,11 @@ public:
     MHD_Response* get_raw_response() override;
 
 private:
+    // Holds the monitor page (10 KB); 256 connections hold at most 4 MiB.
+    static constexpr std::uint64_t COPIED_FILE_BYTES = 16 * 1024;
+
+    MHD_Response* copied_response() const;
+
     int fd;
     std::uint64_t size;
 };

@@ -1,6 +1,7 @@
 """The monitor resource: health status, history relayed from fake services,
-its error codes, and the web pages (types, redirect, 404 for anything outside
-the home path, revalidation)."""
+its error codes, and the web pages (types, redirect, symlinks that stay inside
+the home path, 404 for anything outside it or not a regular file,
+revalidation)."""
 import os
 import socket
 import threading
@@ -28,7 +29,10 @@ def monitor(module_sandbox):
     module_sandbox.write("/www/sub/page.html", INDEX)
     module_sandbox.write("/www/app.js", b"let app = 1;")
     module_sandbox.write("/outside/secret.js", b"secret")
-    os.symlink("/outside/secret.js", module_sandbox.path("/www/out.js"))
+    for target, name in [("/outside/secret.js", "out.js"), ("../outside/secret.js", "up.js"),
+                         ("index.html", "rel.html"), ("/www/index.html", "abs.html")]:
+        os.symlink(target, module_sandbox.path("/www/" + name))
+    os.mkfifo(module_sandbox.path("/www/pipe.html"))
     with FakePeer(history_service) as good, \
             FakePeer(answer(500, b"{}")) as failing:
         daemon = module_sandbox.start("-v", "2", "-m", "1", "-D", "/www/")
@@ -60,6 +64,10 @@ WALK = [
      (200, "application/javascript", b"let app = 1;")),
     (WEB + "/missing.html", {}, NOT_FOUND),
     (WEB + "/out.js", {}, NOT_FOUND),
+    (WEB + "/up.js", {}, NOT_FOUND),
+    (WEB + "/rel.html", {}, (200, "text/html", INDEX)),
+    (WEB + "/abs.html", {}, (200, "text/html", INDEX)),
+    (WEB + "/pipe.html", {}, NOT_FOUND),
     (WEB + "/sub/../index.html", {}, NOT_FOUND),
     (WEB + "..//www/index.html", {}, NOT_FOUND),
     (WEB + "/%2e%2e/outside/secret.js", {}, NOT_FOUND),

@@ -296,22 +296,22 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(files.allowed_methods(), "GET");
 }
 
-// A file response owns its descriptor: the raw response closes it once
-// made, and the response itself when none was made.
+// A file response owns its descriptor: once a raw response is made (a copy
+// of a small file, or one sent from the file) it is closed, or the raw
+// response closes it; when none was made the response itself closes it.
 TEST_F(Platform, FileResponsesCloseTheirDescriptorOnEveryPath) {
-    std::ofstream("file_response") << "12345";
-    const int sent = open("file_response", O_RDONLY | O_CLOEXEC);
-    const int unsent = open("file_response", O_RDONLY | O_CLOEXEC);
-    {
-        httpserver::file_response made(sent, 5, 200, "text/html");
+    std::ofstream("file_response") << std::string(20000, 'x');
+    for (const std::uint64_t size : {5, 20000}) {
+        const int sent = open("file_response", O_RDONLY | O_CLOEXEC);
+        httpserver::file_response made(sent, size, 200, "text/html");
         MHD_Response* raw = made.get_raw_response();
         ASSERT_NE(raw, nullptr);
         EXPECT_EQ(made.get_raw_response(), nullptr);
-        EXPECT_EQ(fcntl(sent, F_GETFD), FD_CLOEXEC);
         MHD_destroy_response(raw);
-        EXPECT_EQ(fcntl(sent, F_GETFD), -1);
-        httpserver::file_response never_made(unsent, 5, 200, "text/html");
+        EXPECT_EQ(fcntl(sent, F_GETFD), -1) << size;
     }
+    const int unsent = open("file_response", O_RDONLY | O_CLOEXEC);
+    { httpserver::file_response never_made(unsent, 5, 200, "text/html"); }
     EXPECT_EQ(fcntl(unsent, F_GETFD), -1);
 }
 

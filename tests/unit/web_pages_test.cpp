@@ -111,6 +111,16 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     }
 }
 
+// The related path is the home path's continuation: without a "/" between
+// them they name a file beside the home directory, which is not served.
+TEST_F(WebPages, OnlyASlashJoinsTheHomePathAndTheRelatedPath) {
+    std::ofstream(root + "/homeindex.html") << "beside";
+    EXPECT_EQ(200, serve("index.html")->get_response_code());
+    svcmon_set_home_path((root + "/home").c_str());
+    EXPECT_EQ(200, serve("/index.html")->get_response_code());
+    EXPECT_EQ(404, serve("index.html")->get_response_code());
+}
+
 // A reply holds its page's descriptor until it is made into a raw response
 // or destroyed; none is left open afterwards.
 TEST_F(WebPages, EachReplyClosesItsDescriptor) {
