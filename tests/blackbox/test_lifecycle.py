@@ -1,6 +1,7 @@
 """Command line and lifecycle: usage, bad options, the banner, the ready
 marker, the descriptor limit, the OOM score, stop signals writing the registry
-back, a start without any name resolution, and a start-up that fails."""
+back, a start without any name resolution, a detached start (-d), and a
+start-up that fails."""
 import os
 import re
 import signal
@@ -10,7 +11,8 @@ import time
 
 import pytest
 
-from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, register
+from harness import (BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, SVCMGR, free_port,
+                     http_request, port_answers, register, wait_for)
 
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
@@ -95,3 +97,31 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
     assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
     assert not sandbox.exists(READY_MARKER)
 
+
+
+def processes_running(argv):
+    """The pids whose command line is exactly argv."""
+    wanted, found = [str(arg).encode() for arg in argv], []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{entry}/cmdline", "rb") as src:
+                found += [int(entry)] if src.read().split(b"\0")[:-1] == wanted else []
+        except OSError:
+            pass
+    return found
+
+
+def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
+    """The command ends at once with status 0, its banner saying so; the
+    daemon it leaves behind serves and stops on SIGTERM, registry written."""
+    port = free_port()
+    result = sandbox.run(["-d", "-p", port])
+    assert result.returncode == 0
+    assert b"is_daemon     : [true]\n" in result.stderr
+    assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
+    [pid] = processes_running([BIN, "-d", "-p", port])
+    body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
+    assert http_request(port, "POST", SVCMGR, body).body == OK
+    os.kill(pid, signal.SIGTERM)
+    assert wait_for(lambda: not processes_running([BIN, "-d", "-p", port]))
+    assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
