@@ -50,31 +50,27 @@ constexpr int NAME_SERVER_PORT = 10182;
 constexpr int OOM_SCORE_ADJ = -900;
 
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
+// "recv sig=", at most 10 digits and "\n".
+constexpr std::size_t SIGNAL_LINE_BYTES = 20;
 constexpr int CRASH_SIGNALS[] = {SIGSEGV, SIGABRT, SIGTRAP};
 
-// "recv sig=N\n" into `out` without stdio (safe inside a signal handler).
-std::size_t format_signal_line(char* out, std::size_t size, int sig) {
+// "recv sig=N\n" into `out` without stdio (safe inside a signal handler);
+// signal numbers are positive.
+std::size_t format_signal_line(char (&out)[SIGNAL_LINE_BYTES], int sig) {
     static const char prefix[] = "recv sig=";
-    std::size_t length = 0;
-    for (const char* c = prefix; *c != '\0' && length < size; ++c) {
-        out[length++] = *c;
-    }
-    char digits[12];
+    std::size_t length = sizeof prefix - 1;
+    memcpy(out, prefix, length);
+    char digits[10];
     std::size_t count = 0;
-    unsigned value = sig < 0 ? 0u - static_cast<unsigned>(sig) : static_cast<unsigned>(sig);
+    unsigned value = sig > 0 ? static_cast<unsigned>(sig) : 0;
     do {
         digits[count++] = static_cast<char>('0' + value % 10);
         value /= 10;
     } while (value != 0);
-    if (sig < 0 && length < size) {
-        out[length++] = '-';
-    }
-    while (count > 0 && length < size) {
+    while (count > 0) {
         out[length++] = digits[--count];
     }
-    if (length < size) {
-        out[length++] = '\n';
-    }
+    out[length++] = '\n';
     return length;
 }
 
@@ -115,8 +111,8 @@ void lower_oom_score() {
 
 void signal_handler(int sig) {
     if (verbose_level >= static_cast<int>(ERR)) {
-        char line[32];
-        std::size_t length = format_signal_line(line, sizeof line, sig);
+        char line[SIGNAL_LINE_BYTES];
+        const std::size_t length = format_signal_line(line, sig);
         ssize_t ignored = write(STDERR_FILENO, line, length);
         (void)ignored;
     }
