@@ -1,12 +1,13 @@
 // web_pages.cpp - the monitor's web pages (see the header). Owns
 // g_svcmon_home_path, written before the server starts, then only read.
-// Each request opens the home directory, then the page below it with
-// openat2 RESOLVE_BENEATH (Linux 5.6), which refuses any path leading out of
-// it however directories and symlinks are swapped meanwhile; non-blocking,
-// so a FIFO cannot hold the thread. An absolute symlink, or an older kernel,
-// takes the slower check: the path opened with O_PATH must, as
-// /proc/self/fd names it, lie inside the home directory. Only a regular file
-// is served, up to its size at open; anything else gets the 404 page.
+// Each request opens the home directory, then the page below it with openat2
+// RESOLVE_BENEATH (Linux 5.6), which refuses any path leading out of it
+// however directories and symlinks are swapped meanwhile; non-blocking, so a
+// FIFO cannot hold the thread. An absolute symlink, or a kernel (or seccomp
+// filter) without openat2, takes the slower check: the path opened with
+// O_PATH must, as /proc/self/fd names it, lie inside the home directory. Only
+// a regular file is served, up to its size at open; anything else gets the
+// 404 page.
 // ETag (device, inode, size, modification time), Last-Modified and
 // "Cache-Control: no-cache" make a browser ask again each time; a matching
 // If-None-Match (or "*"), or else an If-Modified-Since not older than the
@@ -177,7 +178,7 @@ int open_page(const std::string& related_path, const std::string& abs_path, stru
         return -1;
     }
     int fd = open_beneath(home, related_path);
-    if (fd < 0 && (errno == EXDEV || errno == ENOSYS)) {
+    if (fd < 0 && (errno == EXDEV || errno == ENOSYS || errno == EPERM)) {
         fd = open_checked_file(home, abs_path);
     }
     close(home);
