@@ -52,6 +52,10 @@ def press(page, selector):
     page.js(f"document.querySelector({json.dumps(selector)}).click()")
 
 
+def text(page, element_id, member="textContent"):
+    return page.js(f"document.getElementById('{element_id}').{member}")
+
+
 def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
     """The daemon at -m 1 with an up, a hung, a down and a leaving service, fake
     init scripts, and a desktop browser."""
@@ -70,8 +74,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
                         ["svc_up", "up"]]
             assert wait_for(lambda: page.js(ROWS) == expected, 10), page.js(ROWS)
             assert page.js("document.title") == "(2) Service monitor: 1 down, 1 no answer"
-            assert "svc_hung not checked yet \u2192 no answer" in page.js(
-                "document.getElementById('events').innerText")
+            assert "svc_hung not checked yet \u2192 no answer" in text(page, "events", "innerText")
             page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
                     "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
         # A service stopped while the page is open is down within 2 s: its row
@@ -92,15 +95,13 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert wait_for(lambda: '"events"' in page.js(
             f"{LAST_ROW}.querySelector('tr.service + tr.history pre').textContent"))
         assert page.js(f"document.activeElement === {LAST_ROW}.querySelector('.history-box')")
-        assert wait_for(lambda: page.js("document.getElementById('announce').textContent")
-                        == "History of svc_up shown.")
+        assert wait_for(lambda: text(page, "announce") == "History of svc_up shown.")
 
         # A control run: confirmation, "running" with the button disabled, then
         # the outcome and the output's last lines.
         press(page, "#controls button[value=stop]")
-        assert "runs /etc/init.d/services.sh stop: stops the device's services" in \
-            page.js("document.getElementById('confirm').open && "
-                    "document.getElementById('confirm-text').textContent")
+        assert text(page, "confirm", "open") and "runs /etc/init.d/services.sh stop: stops the " \
+            "device's services" in text(page, "confirm-text")
         press(page, "#confirm-run")
         assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
         assert page.js(STOP_DISABLED) == "true"
@@ -118,9 +119,8 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert page.js("document.body.classList.contains('stale-view') && "
                        "!document.getElementById('stale').hidden")
         start_daemon(sandbox, "-m", "1", port=daemon.port)
-        assert wait_for(lambda: page.js("document.getElementById('restarted').hidden") is False)
-        assert "events and runs from before the restart are gone" in \
-            page.js("document.getElementById('restarted').textContent")
+        assert wait_for(lambda: text(page, "restarted", "hidden") is False)
+        assert "events and runs from before the restart are gone" in text(page, "restarted")
         assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
 
 
@@ -138,7 +138,7 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
             return sorted(states[:70]) == ["down"] * 60 + ["no answer"] * 10 and \
                 states[70:] == ["up"] * 150
         assert wait_for(problems_first, 20), page.js(ROWS)
-        assert page.js("document.getElementById('count').textContent") == "60 down, 10 no answer"
+        assert text(page, "count") == "60 down, 10 no answer"
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
         # A few checks in every strip, and one screen of each state.
@@ -189,15 +189,14 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
         assert "connection refused (4 checks in a row)" in page.js(
             "document.querySelector('#services tbody').textContent")
-        assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
+        assert wait_for(lambda: text(page, "events-note")
                         == "Unknown: the daemon does not report events.")
-        assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
+        assert text(page, "live") == "(asking every 1 s)"
         assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith(
             "failed: exit status 3 start")), page.js(RUNS)
         assert page.js("document.documentElement.scrollWidth") == 390
         press(page, "#sys-state-box summary")
-        assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
-                        == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
+        assert wait_for(lambda: text(page, "sys-state") == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
         # Without reachability at all, the list comes from the health status.
         OLDER_REPLIES["get_health_status"]["items"] = [
             {"name": "c_only", "ip": "127.0.0.1", "port": 9, "health_status": "off-line"}]
@@ -205,6 +204,5 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
         assert page.js("document.title") == "Service monitor: state unknown"
         older.behaviour = lambda peer, conn: None  # closes at once, unanswered
-        assert wait_for(lambda: page.js("document.getElementById('count').textContent")
-                        .startswith("daemon not answering since"), 3)
+        assert wait_for(lambda: text(page, "count").startswith("daemon not answering since"), 3)
 

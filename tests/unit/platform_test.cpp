@@ -27,12 +27,10 @@
 #include "platform/utils.h"
 #include "tests/unit/unit_support.h"
 
-namespace {
-
 // While not -1, the real-time clock reads this second (see clock_gettime below).
-volatile time_t fake_realtime = -1;
-
-}  // namespace
+static volatile time_t fake_realtime = -1;
+// While set, no thread can be made (see pthread_create below).
+static std::atomic<bool> threads_refused{false};
 
 // With 64-bit time on a 32-bit target the C library's call has another name.
 #ifdef __USE_TIME64_REDIRECTS
@@ -48,6 +46,12 @@ extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
     }
     *now = {fake_realtime, 0};
     return 0;
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*start)(void*), void* argument) {
+    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return threads_refused ? EAGAIN : real(thread, attributes, start, argument);
 }
 
 namespace {
@@ -213,19 +217,6 @@ struct gated_job : relay_job {
 void job_counts::submit(unsigned count) {
     while (count-- > 0) relay_pool_submit(std::make_unique<gated_job>(*this));
 }
-
-// While set, no thread can be made (pthread_create is interposed).
-std::atomic<bool> threads_refused{false};
-
-}  // namespace
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*start)(void*), void* argument) {
-    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return threads_refused ? EAGAIN : real(thread, attributes, start, argument);
-}
-
-namespace {
 
 // Refused at once on the submitting thread: jobs past the queue, every
 // job once the pool has stopped, and a job that no worker can run (which
