@@ -32,9 +32,7 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
 // The log is process-wide and never emptied: this test runs first.
 TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
     EXPECT_EQ(R"({ "return": 0, "index": 0, "items": [ ] })", control_runs_reply());
-    for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
-        control_run_begin("start", std::to_string(i).c_str());
-    }
+    for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) control_run_begin("start", std::to_string(i).c_str());
     control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), "m", SIGKILL,
                        std::string(5000, 'x') + "\xe2\x82\xac\xff");
     EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
@@ -54,9 +52,7 @@ TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
 // run is recorded as ended with no status and why.
 TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
     int lowest_free = 0;
-    while (fcntl(lowest_free, F_GETFD) != -1) {
-        ++lowest_free;
-    }
+    while (fcntl(lowest_free, F_GETFD) != -1) ++lowest_free;
     rlimit saved;
     getrlimit(RLIMIT_NOFILE, &saved);
     const rlimit none_left = {static_cast<rlim_t>(lowest_free), saved.rlim_max};

@@ -41,9 +41,7 @@ constexpr char REAL_CLOCK_GETTIME[] = "clock_gettime";
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
     static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, REAL_CLOCK_GETTIME));
-    if (clock != CLOCK_REALTIME || fake_realtime == -1) {
-        return real(clock, now);
-    }
+    if (clock != CLOCK_REALTIME || fake_realtime == -1) return real(clock, now);
     *now = {fake_realtime, 0};
     return 0;
 }

@@ -68,9 +68,8 @@ std::string finding(const std::string& name, const char* member) {
     std::string text = name.empty() ? json_object_to_json_string(json_object_object_get(reply, member)) : "no item";
     for (std::size_t i = 0; i < json_object_array_length(items); ++i) {
         json_object* item = json_object_array_get_idx(items, i);
-        if (name == json_object_get_string(json_object_object_get(item, "name"))) {
+        if (name == json_object_get_string(json_object_object_get(item, "name")))
             text = json_object_to_json_string(json_object_object_get(item, member));
-        }
     }
     json_object_put(reply);
     return text;

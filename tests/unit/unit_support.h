@@ -24,9 +24,8 @@ inline std::string contents_of(const std::string& path) {
 // Polls every 10 ms, for 30 s at most, until the condition holds; says whether it does.
 template <typename Condition>
 bool poll_until(Condition condition) {
-    for (int polls = 0; polls < 3000 && !condition(); ++polls) {
+    for (int polls = 0; polls < 3000 && !condition(); ++polls)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return condition();
 }
 

@@ -27,9 +27,7 @@ protected:
         char pattern[] = "/tmp/web_pages_test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(pattern));
         root = pattern;
-        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) {
-            mkdir((root + dir).c_str(), 0755);
-        }
+        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) mkdir((root + dir).c_str(), 0755);
         for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/p.htm", "/app.js",
                                  "/app.JS", "/s.css", "/js/x", "/a.b/page"}) {
             std::ofstream(root + "/home" + page) << page;
@@ -51,9 +49,7 @@ std::shared_ptr<httpserver::http_response> serve(const std::string& path,
 std::size_t open_descriptors() {
     std::size_t count = 0;
     DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
+    while (readdir(dir) != nullptr) ++count;
     closedir(dir);
     return count;
 }
@@ -76,9 +72,7 @@ TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
         EXPECT_EQ(type, reply->get_header("Content-Type")) << path;
         EXPECT_EQ("DENY", reply->get_header("X-Frame-Options")) << path;
         EXPECT_EQ("frame-ancestors 'none'", reply->get_header("Content-Security-Policy"));
-        if (status == 302) {
-            EXPECT_EQ("/managerService/svcmon/web/index.html", reply->get_header("Location"));
-        }
+        EXPECT_EQ(status == 302 ? "/managerService/svcmon/web/index.html" : "", reply->get_header("Location"));
     }
 }
 
