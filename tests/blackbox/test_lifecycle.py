@@ -15,23 +15,17 @@ from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, register
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
 
-def failure(name, argument):
-    return b"invalid %s:[%s]\nemergency exit.\n" % (name, argument)
-
-
 def illegal(getopt_line, letter):
     return BIN.encode() + b": " + getopt_line + b"\nIllegal option:-" + letter + b"\n"
 
 
 @pytest.mark.parametrize("args, status, text", [
-    (["-p", "0"], 1, failure(b"port", b"0")),
-    (["-t", "x"], 1, failure(b"thread_no", b"x")),
-    (["-m", "-1"], 1, failure(b"g_monitor_period", b"-1")),
-    (["-v", "3"], 1, failure(b"verbose_lv", b"3")),
-    (["-i", "10.0.0"], 1, failure(b"ipaddrs", b"10.0.0")),
-    (["-D", "/etc/hostname"], 1, failure(b"home_path", b"/etc/hostname")),
-    (["-h", "-p", "0"], 0, b""),
-    (["-x"], 0, illegal(b"invalid option -- 'x'", b"x")),
+    ([option, value], 1, b"invalid %s:[%s]\nemergency exit.\n" % (name, value.encode()))
+    for option, name, value in [("-p", b"port", "0"), ("-t", b"thread_no", "x"),
+                                ("-m", b"g_monitor_period", "-1"), ("-v", b"verbose_lv", "3"),
+                                ("-i", b"ipaddrs", "10.0.0"), ("-D", b"home_path", "/etc/hostname")]
+] + [
+    (["-h", "-p", "0"], 0, b""), (["-x"], 0, illegal(b"invalid option -- 'x'", b"x")),
     (["-t", "4", "-D"], 0, illegal(b"option requires an argument -- 'D'", b"D")),
     (["-\x01"], 0, illegal(b"invalid option -- '\x01'", b"#")),
 ])

@@ -33,11 +33,9 @@ def monitor(module_sandbox):
                          ("index.html", "rel.html"), ("/www/index.html", "abs.html")]:
         os.symlink(target, module_sandbox.path("/www/" + name))
     os.mkfifo(module_sandbox.path("/www/pipe.html"))
-    with FakePeer(history_service) as good, \
-            FakePeer(answer(500, b"{}")) as failing:
+    with FakePeer(history_service) as good, FakePeer(answer(500, b"{}")) as failing:
         daemon = module_sandbox.start("-v", "2", "-m", "1", "-D", "/www/")
-        for name, port in [("good", good.port), ("failing", failing.port),
-                           ("closed", free_port())]:
+        for name, port in [("good", good.port), ("failing", failing.port), ("closed", free_port())]:
             assert register(daemon, name, port) == OK
         yield daemon
 
@@ -50,6 +48,7 @@ def json_reply(text):
     return 200, "application/json", text
 
 
+PAGE = (200, "text/html", INDEX)
 WALK = [
     (method("get_history&name=good"), {},
      json_reply(b'{ "return": 0, "service_response": { "events": [ 1 ] } }')),
@@ -58,20 +57,12 @@ WALK = [
     (method("get_history"), {}, json_reply(b'{ "return": -6 }')),
     (method("GET_HEALTH_STATUS"), {}, json_reply(b'{ "return": -1 }')),
     (SVCMON + "/other?method=get_health_status", {}, json_reply(b'{ "return": -4 }')),
-    (WEB, {}, (302, "text/plain", b"")),
-    (WEB + "/index.html", {"If-Modified-Since": OLD_DATE}, (200, "text/html", INDEX)),
-    (WEB + "/app.js", {"Cookie": "c=" + "x" * 7800},
-     (200, "application/javascript", b"let app = 1;")),
-    (WEB + "/missing.html", {}, NOT_FOUND),
-    (WEB + "/out.js", {}, NOT_FOUND),
-    (WEB + "/up.js", {}, NOT_FOUND),
-    (WEB + "/rel.html", {}, (200, "text/html", INDEX)),
-    (WEB + "/abs.html", {}, (200, "text/html", INDEX)),
-    (WEB + "/pipe.html", {}, NOT_FOUND),
-    (WEB + "/sub/../index.html", {}, NOT_FOUND),
-    (WEB + "..//www/index.html", {}, NOT_FOUND),
-    (WEB + "/%2e%2e/outside/secret.js", {}, NOT_FOUND),
-]
+    (WEB, {}, (302, "text/plain", b"")), (WEB + "/rel.html", {}, PAGE), (WEB + "/abs.html", {}, PAGE),
+    (WEB + "/index.html", {"If-Modified-Since": OLD_DATE}, PAGE),
+    (WEB + "/app.js", {"Cookie": "c=" + "x" * 7800}, (200, "application/javascript", b"let app = 1;")),
+] + [(WEB + page, {}, NOT_FOUND) for page in (
+    "/missing.html", "/out.js", "/up.js", "/pipe.html", "/sub/../index.html", "..//www/index.html",
+    "/%2e%2e/outside/secret.js")]
 
 
 def without_date(headers):

@@ -36,7 +36,7 @@ CARD_LINES = """Math.max(...Array.from(document.querySelectorAll('tr.service'), 
 # The fewest checks in any service's strip.
 RECENT_CHECKS = "Math.min(...Array.from(document.querySelectorAll('.strip'), (s) => s.children.length))"
 LAST_ROW = "document.querySelector('#services tbody:last-of-type')"
-RUNS = "Array.from(document.querySelectorAll('#runs li'), (li) => li.innerText)"
+RUN = "document.querySelector('#runs li')?.innerText ?? ''"  # the newest control run
 STOP_DISABLED = "document.querySelector('#controls button[value=stop]').ariaDisabled"
 
 
@@ -103,13 +103,12 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert text(page, "confirm", "open") and "runs /etc/init.d/services.sh stop: stops the " \
             "device's services" in text(page, "confirm-text")
         press(page, "#confirm-run")
-        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
+        assert wait_for(lambda: page.js(RUN).startswith("running stop"))
         assert page.js(STOP_DISABLED) == "true"
         with open(device_path_of(daemon, GO), "w"):
             pass
-        assert wait_for(lambda: page.js(RUNS)[0].startswith("ok (exit status 0) stop"))
-        assert page.js(RUNS)[0].endswith(
-            "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
+        assert wait_for(lambda: page.js(RUN).startswith("ok (exit status 0) stop"))
+        assert page.js(RUN).endswith("stopping the services\n/etc/init.d/services.sh stop done")
         assert page.js(STOP_DISABLED) == "false"
         assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
         page.shoot("monitor-desktop", whole=True)
@@ -192,8 +191,7 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: text(page, "events-note")
                         == "Unknown: the daemon does not report events.")
         assert text(page, "live") == "(asking every 1 s)"
-        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith(
-            "failed: exit status 3 start")), page.js(RUNS)
+        assert wait_for(lambda: page.js(RUN).startswith("failed: exit status 3 start")), page.js(RUN)
         assert page.js("document.documentElement.scrollWidth") == 390
         press(page, "#sys-state-box summary")
         assert wait_for(lambda: text(page, "sys-state") == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')

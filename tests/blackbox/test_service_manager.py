@@ -35,10 +35,8 @@ WALK = [
     ("DELETE", SVCMGR + "?method=register&name=svcA", None, 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=", None, 200, b'{ "return": -3 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=nobody", None, 200, b'{ "return": -2 }'),
-    ("POST", SVCMGR, BIG_BODY + " ", 413, None),
-    ("POST", SVCMGR, BIG_BODY, 200, OK),
-    ("PUT", SVCMGR, "{}", 405, None),
-    ("HEAD", SVCMGR, None, 405, None),
+    ("POST", SVCMGR, BIG_BODY + " ", 413, None), ("POST", SVCMGR, BIG_BODY, 200, OK),
+    ("PUT", SVCMGR, "{}", 405, None), ("HEAD", SVCMGR, None, 405, None),
     ("GET", "/managerService/nothing", None, 404, None),
     ("DELETE", SVCMGR + "?method=unregister&name=big", None, 200, OK),
     # A name cut to its buffer stays UTF-8: no half of the euro sign is kept.

@@ -5,7 +5,6 @@
 // HTTP, HEAD and the lengths are tested in tests/blackbox).
 #include "monitor/web_pages.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <tuple>
 
 namespace {
@@ -46,12 +46,8 @@ std::shared_ptr<httpserver::http_response> serve(const std::string& path,
     return proc_web_service(httpserver::http_request("GET", WEB_PREFIX + path, {}, headers, ""));
 }
 
-std::size_t open_descriptors() {
-    std::size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-    return count;
+std::ptrdiff_t open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // A ".." segment is refused even where it leads inside; the type comes
@@ -81,12 +77,10 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     const std::string tag = page->get_header("ETag");
     struct stat info;
     ASSERT_EQ(0, stat((root + "/home/index.html").c_str(), &info));
-    char expected[96];
-    snprintf(expected, sizeof expected, "\"%llx-%llx-%llx-%llx\"",
-             static_cast<unsigned long long>(info.st_dev),
-             static_cast<unsigned long long>(info.st_ino),
-             static_cast<unsigned long long>(info.st_size), MODIFIED * 1000000000ULL);
-    EXPECT_EQ(expected, tag);
+    std::ostringstream expected;
+    expected << std::hex << '"' << info.st_dev << '-' << info.st_ino << '-' << info.st_size << '-'
+             << MODIFIED * 1000000000ULL << '"';
+    EXPECT_EQ(expected.str(), tag);
     EXPECT_EQ(DATE, page->get_header("Last-Modified"));
     EXPECT_EQ("no-cache", page->get_header("Cache-Control"));
     const std::tuple<std::string, const char*, int> cases[] = {
@@ -118,7 +112,7 @@ TEST_F(WebPages, OnlyASlashJoinsTheHomePathAndTheRelatedPath) {
 // A reply holds its page's descriptor until it is made into a raw response
 // or destroyed; none is left open afterwards.
 TEST_F(WebPages, EachReplyClosesItsDescriptor) {
-    const std::size_t before = open_descriptors();
+    const auto before = open_descriptors();
     {
         auto page = serve("/index.html");
         EXPECT_EQ(before + 1, open_descriptors());
