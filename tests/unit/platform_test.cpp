@@ -85,9 +85,8 @@ TEST_F(Platform, DebugLogWritesStampedRecordsMakingItsDirectoriesAndRotates) {
     const std::string after = local_now();
     const std::string text = contents_of("a/b/debug.log"), stamp = text.substr(0, before.size());
     EXPECT_TRUE(stamp == before || stamp == after) << text;
-    EXPECT_TRUE(std::regex_match(text.substr(stamp.size()),
-                                 std::regex("\\.[0-9]{3} platform_test\\[" +
-                                            std::to_string(getpid()) + "\\]: first 1\n")));
+    const std::regex rest("\\.[0-9]{3} platform_test\\[" + std::to_string(getpid()) + "\\]: first 1\n");
+    EXPECT_TRUE(std::regex_match(text.substr(stamp.size()), rest));
     ASSERT_EQ(close(creat("file", 0644)), 0);
     EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -ENOTDIR);
     // The log rotates when the next record would pass the limit.
@@ -182,8 +181,7 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
         EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
         EXPECT_EQ(buffer, expected);
         EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
-                      get_json_str_by_key(object, "ip", buffer, sizeof buffer),
-                  2 * RESULT_NOT_FOUND);
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), 2 * RESULT_NOT_FOUND);
         EXPECT_EQ(buffer, expected);
         json_object_put(object);
     }
@@ -278,8 +276,7 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(resource.handler_for("PUT", "/a/b"), reply);
     EXPECT_EQ(resource.handler_for("HEAD", "/a/b"), nullptr);
     // HEAD reaches the GET handler only on the paths its rule names.
-    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr,
-                               head_below_files);
+    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr, head_below_files);
     EXPECT_EQ(files.handler_for("HEAD", "/a/files/x"), reply);
     EXPECT_EQ(files.handler_for("HEAD", "/a"), nullptr);
     EXPECT_EQ(files.allowed_methods(), "GET");

@@ -183,8 +183,7 @@ TEST_F(registry_test, NamesAreKeptInByteOrder) {
     }
     const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
     EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
-    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n",
-              contents_of(REGISTRY_FILE_PATH));
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", contents_of(REGISTRY_FILE_PATH));
 }
 
 // Memory runs out at each allocation of an add in turn: the add fails

@@ -41,8 +41,7 @@ protected:
     std::string root;
 };
 
-std::shared_ptr<httpserver::http_response> serve(const std::string& path,
-                                                 httpserver::header_map headers = {}) {
+std::shared_ptr<httpserver::http_response> serve(const std::string& path, httpserver::header_map headers = {}) {
     return proc_web_service(httpserver::http_request("GET", WEB_PREFIX + path, {}, headers, ""));
 }
 
