@@ -1,7 +1,6 @@
-"""The monitor resource: health status, history relayed from fake services,
-its error codes, and the web pages (types, redirect, symlinks that stay inside
-the home path, 404 for anything outside it or not a regular file,
-revalidation)."""
+"""The monitor resource: health status, history relayed from fake services, its error codes, and
+the web pages (types, redirect, symlinks that stay inside the home path, 404 for anything outside
+it or not a regular file, revalidation)."""
 import os
 import socket
 import threading
@@ -138,8 +137,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
 
 
 def test_a_page_cut_shorter_while_sent_ends_its_reply(monitor):
-    """The reply stops short and its connection closes (idle limit); the
-    daemon serves on."""
+    """The reply stops short and its connection closes (idle limit); the daemon serves on."""
     path = device_path_of(monitor, "/www/cut.html")
     with open(path, "wb") as page:
         page.write(b"c" * (8 << 20))

@@ -77,9 +77,8 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
             assert "svc_hung not checked yet \u2192 no answer" in text(page, "events", "innerText")
             page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
                     "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
-        # A service stopped while the page is open is down within 2 s: its row
-        # moves among the problems; the others keep their nodes, the focus and
-        # the selection.
+        # A service stopped while the page is open is down within 2 s: its row moves among the
+        # problems; the others keep their nodes, the focus and the selection.
         began = time.monotonic()
         assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 10), page.js(ROWS)
         took = time.monotonic() - began

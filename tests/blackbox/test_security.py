@@ -1,8 +1,7 @@
-"""Only the device drives the daemon: a page of another origin changes nothing (in
-headless Chromium, and by hand with a foreign Origin, Sec-Fetch-Site or Host), while
-local clients and the daemon's own pages are served as before, whatever Host they
-name and however they send their body; an over-long body gets 413 even from BusyBox
-wget."""
+"""Only the device drives the daemon: a page of another origin changes nothing (in headless
+Chromium, and by hand with a foreign Origin, Sec-Fetch-Site or Host), while local clients and the
+daemon's own pages are served as before, whatever Host they name and however they send their
+body; an over-long body gets 413 even from BusyBox wget."""
 import json
 import shutil
 import socket

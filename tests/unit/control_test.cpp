@@ -1,7 +1,6 @@
-// control_test.cpp - the control-run log (the last 32 kept, texts cut to
-// their buffers) and a script's exit status kept though signals interrupt
-// the wait for it. Runs in the sandbox: the test puts its own script at the
-// init script's fixed path.
+// control_test.cpp - the control-run log (the last 32 kept, texts cut to their buffers) and a script's exit
+// status kept though signals interrupt the wait for it. Runs in the sandbox: the test puts its own script at
+// the init script's fixed path.
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>

@@ -32,9 +32,8 @@ TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     }
 }
 
-// The name server's answer gives the address: ports 1 to 65535 and a
-// usable host; anything else is refused. (The look-up and the get with
-// their bounds: tests/blackbox/test_relay_default_port.py.)
+// The name server's answer gives the address: ports 1 to 65535 and a usable host; anything else is refused.
+// (The look-up and the get with their bounds: tests/blackbox/test_relay_default_port.py.)
 TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
     const std::tuple<std::string, int, const char*, int> cases[] = {
         {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", RESULT_OK, "127.0.0.5", 1},

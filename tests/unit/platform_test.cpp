@@ -1,6 +1,5 @@
-// The device libraries' stand-ins and the server's parts: debug log, crash
-// handler, utility helpers, relay pool, connection guard, request/response
-// layer and resource table. Files go to a fresh working directory.
+// The device libraries' stand-ins and the server's parts: debug log, crash handler, utility helpers, relay
+// pool, connection guard, request/response layer and resource table. Files go to a fresh working directory.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -147,9 +146,8 @@ TEST_F(PlatformDeathTest, CrashHandlerRecordsAStackOverflow) {
 
 volatile sig_atomic_t caught_signal = 0;
 
-// A daemon may have closed its standard input: descriptor 0 is then a
-// marker file's like any other. The crash handler library installs a
-// caller's own handler as it is.
+// A daemon may have closed its standard input: descriptor 0 is then a marker file's like any other. The crash
+// handler library installs a caller's own handler as it is.
 TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
     close(STDIN_FILENO);
@@ -162,9 +160,8 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_EQ(caught_signal, SIGUSR1);
 }
 
-// A text longer than its buffer is cut after its last whole character:
-// ASCII at 31 bytes, "\u00e9" (2 bytes), "\u20ac" (3) and U+1F600 (4) never
-// in the middle. A missing or non-string member leaves the buffer alone.
+// A text longer than its buffer is cut after its last whole character: ASCII at 31 bytes, "\u00e9" (2 bytes),
+// "\u20ac" (3) and U+1F600 (4) never in the middle. A missing or non-string member leaves the buffer alone.
 TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
     const std::string a(27, 'a'), e = "\xc3\xa9", euro = "\xe2\x82\xac", smile = "\xf0\x9f\x98\x80";
     const std::pair<std::string, std::string> cases[] = {
@@ -187,8 +184,7 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
     }
 }
 
-// Jobs that wait until the gate opens; refusals are counted on the
-// submitting thread (the test's) only.
+// Jobs that wait until the gate opens; refusals are counted on the submitting thread (the test's) only.
 struct job_counts {
     std::promise<void> gate;
     std::shared_future<void> open = gate.get_future().share();
@@ -214,10 +210,9 @@ void job_counts::submit(unsigned count) {
     while (count-- > 0) relay_pool_submit(std::make_unique<gated_job>(*this));
 }
 
-// Refused at once on the submitting thread: jobs past the queue, every
-// job once the pool has stopped, and a job that no worker can run (which
-// leaves nothing in the queue); while a worker is busy and no thread can
-// be made, the next job waits for that worker instead.
+// Refused at once on the submitting thread: jobs past the queue, every job once the pool has stopped, and a
+// job that no worker can run (which leaves nothing in the queue); while a worker is busy and no thread can be
+// made, the next job waits for that worker instead.
 TEST_F(Platform, RelayPoolBoundsItsWorkersAndQueueAndRefusesOnlyWhatNoWorkerCanRun) {
     constexpr unsigned TOTAL = RELAY_POOL_WORKERS + RELAY_POOL_QUEUE + 3;
     job_counts jobs, more;
@@ -282,9 +277,8 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(files.allowed_methods(), "GET");
 }
 
-// A file response owns its descriptor: once a raw response is made (a copy
-// of a small file, or one sent from the file) it is closed, or the raw
-// response closes it; when none was made the response itself closes it.
+// A file response owns its descriptor: once a raw response is made (a copy of a small file, or one sent from
+// the file) it is closed, or the raw response closes it; when none was made the response itself closes it.
 TEST_F(Platform, FileResponsesCloseTheirDescriptorOnEveryPath) {
     std::ofstream("file_response") << std::string(20000, 'x');
     for (const std::uint64_t size : {5, 20000}) {

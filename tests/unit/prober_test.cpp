@@ -1,8 +1,6 @@
-// prober_test.cpp - reachability: the HTTP-level checks against loopback
-// peers (every outcome, each result handed over once and as soon as it is
-// known, "localhost", the stop descriptor), and the
-// prober's reply and findings (counts, recent results, events).
-// Runs in the sandbox: registering writes the registry file.
+// prober_test.cpp - reachability: the HTTP-level checks against loopback peers (every outcome, each result
+// handed over once and as soon as it is known, "localhost", the stop descriptor), and the prober's reply and
+// findings (counts, recent results, events). Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
 #include <gtest/gtest.h>
@@ -77,7 +75,6 @@ std::string finding(const std::string& name, std::initializer_list<const char*> 
     return text;
 }
 
-// Polls until the member shows `value`.
 bool becomes(const std::string& name, const char* member, const std::string& value) {
     return poll_until([&] { return finding(name, {member}) == " " + value; });
 }

@@ -21,11 +21,9 @@
 
 namespace {
 
-// While armed, the file system has no free block (when `full`), write(2)
-// and ftruncate(2) on the registry file are recorded in order ("write" and
-// the size asked, "cut" and the length; the first write's bytes too), and a
-// write takes at most `per_call` bytes; after `calls_left` calls it fails
-// with ENOSPC.
+// While armed, the file system has no free block (when `full`), write(2) and ftruncate(2) on the registry
+// file are recorded in order ("write" and the size asked, "cut" and the length; the first write's bytes too),
+// and a write takes at most `per_call` bytes; after `calls_left` calls it fails with ENOSPC.
 struct write_plan {
     bool armed = false, full = false;
     std::size_t per_call = SIZE_MAX, calls_left = SIZE_MAX;
@@ -128,13 +126,11 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     }
 }
 
-// Old size (the new content, then "o"s), whether the disk is full, bytes
-// taken per write, writes before ENOSPC, the writes and cuts asked for, the
-// bytes of the new content then in the file, and the debug-log records. A
-// longer old content is covered by padding in the one write, then cut
-// (padding a crash leaves loads as nothing; the file is never empty on the
-// way), unless it is far longer (cut first, never padded); a failed write
-// never leaves half a line; no room: old kept.
+// Old size (the new content, then "o"s), whether the disk is full, bytes taken per write, writes before
+// ENOSPC, the writes and cuts asked for, the bytes of the new content then in the file, and the debug-log
+// records. A longer old content is covered by padding in the one write, then cut (padding a crash leaves
+// loads as nothing; the file is never empty on the way), unless it is far longer (cut first, never padded); a
+// failed write never leaves half a line; no room: old kept.
 TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
     const std::string failed = "svc_info_map.cpp:svc_info_write_back(", file = REGISTRY_FILE_PATH;
     const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::string>, std::size_t,
@@ -186,9 +182,8 @@ TEST_F(registry_test, NamesAreKeptInByteOrder) {
     EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", contents_of(REGISTRY_FILE_PATH));
 }
 
-// Memory runs out at each allocation of an add in turn: the add fails
-// with the registry and its file as they were, until it completes. A
-// write-back out of memory keeps the old file.
+// Memory runs out at each allocation of an add in turn: the add fails with the registry and its file as they
+// were, until it completes. A write-back out of memory keeps the old file.
 TEST_F(registry_test, OutOfMemoryChangesNothing) {
     add("kept", std::string(40, '1'));
     const std::string before = registry_text();

@@ -1,6 +1,5 @@
-// unit_support.h - what the unit tests share: a file read whole, polling for
-// a condition, and a loopback TCP peer that answers with a given text.
-// Header-only; each test binary is one source file.
+// unit_support.h - what the unit tests share: a file read whole, polling for a condition, and a loopback TCP
+// peer that answers with a given text. Header-only; each test binary is one source file.
 #ifndef MANAGER_SVC_UNIT_SUPPORT_H
 #define MANAGER_SVC_UNIT_SUPPORT_H
 

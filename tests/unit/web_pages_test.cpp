@@ -1,8 +1,7 @@
-// web_pages_test.cpp - the monitor's web pages on a home directory of their
-// own: the ".." rule, content types, the validators (ETag lists, HTTP
-// dates) and their 304, the headers of every kind of reply, and that each
-// reply's descriptor is closed with it (what is served and refused over
-// HTTP, HEAD and the lengths are tested in tests/blackbox).
+// web_pages_test.cpp - the monitor's web pages on a home directory of their own: the ".." rule, content
+// types, the validators (ETag lists, HTTP dates) and their 304, the headers of every kind of reply, and that
+// each reply's descriptor is closed with it (what is served and refused over HTTP, HEAD and the lengths are
+// tested in tests/blackbox).
 #include "monitor/web_pages.h"
 
 #include <fcntl.h>
