@@ -2,6 +2,7 @@
 marker, the descriptor limit, the OOM score, stop signals writing the registry
 back, a start without any name resolution, and a start-up that fails."""
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -50,11 +51,9 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
                                nofile=(512, 8192))
     finally:
         os.umask(old_umask)
-    with open(f"/proc/{daemon.pid}/limits") as limits:
-        assert [line.split()[3] for line in limits if line.startswith("Max open files")] == \
-            [str(256 + 512 + 2 * 3)]
-    with open(f"/proc/{daemon.pid}/oom_score_adj") as score:
-        lowered = int(score.read()) == -900
+    limits = pathlib.Path(f"/proc/{daemon.pid}/limits").read_text()
+    assert re.search(r"^Max open files +(\d+) ", limits, re.M)[1] == str(256 + 512 + 2 * 3)
+    lowered = int(pathlib.Path(f"/proc/{daemon.pid}/oom_score_adj").read_text()) == -900
     assert register(daemon, "svcA") == OK
     modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in
              [REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}

@@ -2,6 +2,7 @@
 the web pages (types, redirect, symlinks that stay inside the home path, 404 for anything outside
 it or not a regular file, revalidation)."""
 import os
+import pathlib
 import socket
 import threading
 
@@ -94,8 +95,7 @@ def test_page_validators_give_304_until_the_page_changes(monitor):
         assert (again.status, again.body, again.headers["etag"]) == (304, b"", tag)
         # No length, or the page's own: never a false one.
         assert again.headers.get("content-length") in (None, str(len(INDEX)))
-    with open(device_path_of(monitor, "/www/index.html"), "wb") as page:
-        page.write(b"<html>changed</html>")
+    pathlib.Path(device_path_of(monitor, "/www/index.html")).write_bytes(b"<html>changed</html>")
     fresh = monitor.request("GET", WEB + "/index.html", headers={"If-None-Match": tag})
     assert (fresh.status, fresh.body) == (200, b"<html>changed</html>")
 
@@ -109,8 +109,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     """Over 4 MiB whole; a file being appended to up to its length at open,
     its bytes as they are in the file."""
     big = bytes(range(256)) * (5 * 4096 + 7)
-    with open(device_path_of(monitor, "/www/big.html"), "wb") as page:
-        page.write(big)
+    pathlib.Path(device_path_of(monitor, "/www/big.html")).write_bytes(big)
     reply = monitor.request("GET", WEB + "/big.html")
     assert (reply.status, reply.headers["content-length"], reply.body == big) == (
         200, str(len(big)), True)
@@ -127,8 +126,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     while writer.is_alive() or len(replies) < 3:
         replies.append(monitor.request("GET", WEB + "/growing.js"))
     writer.join()
-    with open(growing, "rb") as log:
-        final = log.read()
+    final = pathlib.Path(growing).read_bytes()
     for reply in replies:
         assert reply.status == 200
         assert reply.headers["content-length"] == str(len(reply.body))
@@ -139,8 +137,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
 def test_a_page_cut_shorter_while_sent_ends_its_reply(monitor):
     """The reply stops short and its connection closes (idle limit); the daemon serves on."""
     path = device_path_of(monitor, "/www/cut.html")
-    with open(path, "wb") as page:
-        page.write(b"c" * (8 << 20))
+    pathlib.Path(path).write_bytes(b"c" * (8 << 20))
     reader = socket.create_connection(("127.0.0.1", monitor.port), timeout=30)
     reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     reader.sendall(b"GET " + (WEB + "/cut.html").encode() + b" HTTP/1.1\r\nHost: t\r\n\r\n")

@@ -5,6 +5,7 @@ phone with 220 services, and against a fake daemon that lacks the newer methods.
 MANAGER_SVC_SCREENSHOTS set to a folder, the desktop and phone views are saved there."""
 import json
 import os
+import pathlib
 import time
 import urllib.parse
 
@@ -43,8 +44,7 @@ STOP_DISABLED = "document.querySelector('#controls button[value=stop]').ariaDisa
 def start_daemon(sandbox, *args, port=None):
     """The daemon with the page of web/ at its default home path."""
     for name in ("index.html", "app.js"):
-        with open(os.path.join(WEB_DIR, name), "rb") as page:
-            sandbox.write(f"{HOME}/{name}", page.read())
+        sandbox.write(f"{HOME}/{name}", pathlib.Path(WEB_DIR, name).read_bytes())
     return sandbox.start(*args, port=port)
 
 
@@ -104,8 +104,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         press(page, "#confirm-run")
         assert wait_for(lambda: page.js(RUN).startswith("running stop"))
         assert page.js(STOP_DISABLED) == "true"
-        with open(device_path_of(daemon, GO), "w"):
-            pass
+        pathlib.Path(device_path_of(daemon, GO)).touch()
         assert wait_for(lambda: page.js(RUN).startswith("ok (exit status 0) stop"))
         assert page.js(RUN).endswith("stopping the services\n/etc/init.d/services.sh stop done")
         assert page.js(STOP_DISABLED) == "false"
@@ -170,8 +169,7 @@ def older_daemon(peer, conn):
     if url.path == "/managerService/sys_state":
         body = b'{"cpu": [3, 4]}'
     elif url.path.startswith(SVCMON + "/web/"):
-        with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
-            body = page.read()
+        body = pathlib.Path(WEB_DIR, os.path.basename(url.path)).read_bytes()
     else:
         body = json.dumps(OLDER_REPLIES.get(method, {"return": -1})).encode()
     kind = {".html": "text/html", ".js": "application/javascript"}.get(

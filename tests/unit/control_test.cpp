@@ -60,8 +60,7 @@ TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
     proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "stop"})"));
     const std::string expected = " \"" + std::string(SERVICES_SCRIPT_PATH) + " stop\" null null";
-    const auto ended = [] { return run(0, {"exit_status", "signal", "ended"}); };
-    poll_until([&] { return ended().rfind(" null null \"", 0) == 0; });
+    poll_until([] { return run(0, {"exit_status", "signal", "ended"}).rfind(" null null \"", 0) == 0; });
     setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(expected + " \"Too many open files\" \"\"", run(0, {"command", "exit_status", "signal", "error", "output"}));
 }

@@ -200,9 +200,7 @@ struct gated_job : relay_job {
         counts.open.wait();
         ++counts.finished;
     }
-    void refuse() override {
-        counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0;
-    }
+    void refuse() override { counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0; }
     job_counts& counts;
 };
 
@@ -250,9 +248,7 @@ const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver:
     throw std::bad_alloc();
 }
 
-bool head_below_files(const std::string& path) {
-    return path.compare(0, 8, "/a/files") == 0;
-}
+bool head_below_files(const std::string& path) { return path.compare(0, 8, "/a/files") == 0; }
 
 // What a handler throws stays in its module: the guarded handler answers
 // null, which the server sends as 500; a reply passes through as it is.

@@ -48,9 +48,7 @@ std::string registry_text() {
     return text;
 }
 
-int add(const std::string& name, const std::string& ip) {
-    return svc_info_add(name, svc_info{ip, 1});
-}
+int add(const std::string& name, const std::string& ip) { return svc_info_add(name, svc_info{ip, 1}); }
 
 bool is_registry_file(int fd) {
     struct stat open_file, named;
@@ -174,9 +172,8 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
 TEST_F(registry_test, NamesAreKeptInByteOrder) {
     const std::string longest(130, '~');
     for (const std::string& name : {std::string("\xe9"), longest, std::string("b"), std::string("abc"),
-                                    std::string("B"), std::string("ab"), std::string("a")}) {
+                                    std::string("B"), std::string("ab"), std::string("a")})
         add(name, "127.0.0.1");
-    }
     const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
     EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
     EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", contents_of(REGISTRY_FILE_PATH));

@@ -28,9 +28,8 @@ protected:
         root = pattern;
         for (const char* dir : {"/home", "/home/js", "/home/a.b"}) mkdir((root + dir).c_str(), 0755);
         for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/p.htm", "/app.js",
-                                 "/app.JS", "/s.css", "/js/x", "/a.b/page"}) {
+                                 "/app.JS", "/s.css", "/js/x", "/a.b/page"})
             std::ofstream(root + "/home" + page) << page;
-        }
         const timespec times[2] = {{MODIFIED, 0}, {MODIFIED, 0}};
         utimensat(AT_FDCWD, (root + "/home/index.html").c_str(), times, 0);
         svcmon_set_home_path((root + "/home/").c_str());
@@ -44,9 +43,7 @@ std::shared_ptr<httpserver::http_response> serve(const std::string& path, httpse
     return proc_web_service(httpserver::http_request("GET", WEB_PREFIX + path, {}, headers, ""));
 }
 
-std::ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+std::ptrdiff_t open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // A ".." segment is refused even where it leads inside; the type comes
 // from the last dot of the whole path; no reply may be framed.
