@@ -121,9 +121,7 @@ def exchange(port, head, body=b"", expect_continue=False):
         if expect_continue:
             assert sock.recv(100) == b"HTTP/1.1 100 Continue\r\n\r\n"
         sock.sendall(body)
-        reply = b""
-        while chunk := sock.recv(65536):
-            reply += chunk
+        reply = sock.makefile("rb").read()
     return b"".join(line for line in reply.splitlines(True) if not line.startswith(b"Date: "))
 
 

@@ -114,10 +114,9 @@ TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
                     ::testing::KilledBySignal(sig), "");
         fake_realtime = -1;
         const std::string record = contents_of("crash/crash.log").substr(before);
-        EXPECT_TRUE(std::regex_search(
-            record, std::regex("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
-                               std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}")))
-            << record;
+        const std::regex expected("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
+                                  std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}");
+        EXPECT_TRUE(std::regex_search(record, expected)) << record;
         EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
     }
 }
