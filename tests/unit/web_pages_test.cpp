@@ -45,9 +45,10 @@ std::shared_ptr<httpserver::http_response> serve(const std::string& path, httpse
 
 std::ptrdiff_t open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// A ".." segment is refused even where it leads inside; the type comes
-// from the last dot of the whole path; no reply may be framed.
-TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
+// A ".." segment is refused even where it leads inside; the type comes from the last dot of the whole path; no
+// reply may be framed. The related path is the home path's continuation: without a "/" between them they name
+// a file beside the home directory, which is not served.
+TEST_F(WebPages, ParentSegmentsAreRefusedOnlyASlashJoinsAndTypesComeFromTheLastDot) {
     const char *html = "text/html", *js = "application/javascript";
     const std::tuple<const char*, int, const char*> cases[] = {
         {"/index.html", 200, html}, {"/p.htm", 200, html}, {"/app.js", 200, js},
@@ -55,7 +56,7 @@ TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
         {"/a.b/page", 200, html}, {"/..x", 200, html}, {"/x..", 200, html},
         {"/./i", 200, html}, {"/js//x", 200, html}, {"/js/../i", 404, html},
         {"/js//..//i", 404, html}, {"/js/../../home/i", 404, html}, {"/js", 404, html},
-        {"/missing", 404, html}, {"/", 302, "text/plain"}, {"", 302, "text/plain"},
+        {"/missing", 404, html}, {"/", 302, "text/plain"}, {"", 302, "text/plain"}, {"index.html", 200, html},
     };
     for (const auto& [path, status, type] : cases) {
         const auto reply = serve(path);
@@ -65,6 +66,10 @@ TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
         EXPECT_EQ("frame-ancestors 'none'", reply->get_header("Content-Security-Policy"));
         EXPECT_EQ(status == 302 ? "/managerService/svcmon/web/index.html" : "", reply->get_header("Location"));
     }
+    std::ofstream(root + "/homeindex.html") << "beside";
+    svcmon_set_home_path((root + "/home").c_str());
+    EXPECT_EQ(200, serve("/index.html")->get_response_code());
+    EXPECT_EQ(404, serve("index.html")->get_response_code());
 }
 
 TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
@@ -92,16 +97,6 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
         EXPECT_EQ(status == 200 ? "text/html" : "", reply->get_header("Content-Type"));
         EXPECT_EQ("DENY", reply->get_header("X-Frame-Options"));
     }
-}
-
-// The related path is the home path's continuation: without a "/" between
-// them they name a file beside the home directory, which is not served.
-TEST_F(WebPages, OnlyASlashJoinsTheHomePathAndTheRelatedPath) {
-    std::ofstream(root + "/homeindex.html") << "beside";
-    EXPECT_EQ(200, serve("index.html")->get_response_code());
-    svcmon_set_home_path((root + "/home").c_str());
-    EXPECT_EQ(200, serve("/index.html")->get_response_code());
-    EXPECT_EQ(404, serve("index.html")->get_response_code());
 }
 
 // A reply holds its page's descriptor until it is made into a raw response
