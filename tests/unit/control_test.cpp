@@ -20,10 +20,9 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
     json_object* reply = json_tokener_parse(control_runs_reply().c_str());
     json_object* item = json_object_array_get_idx(json_object_object_get(reply, "items"), index);
     std::string text;
-    for (const char* name : names) {
+    for (const char* name : names)
         text += " " + std::string(item == nullptr ? "none" : json_object_to_json_string_ext(
                                       json_object_object_get(item, name), JSON_C_TO_STRING_NOSLASHESCAPE));
-    }
     json_object_put(reply);
     return text;
 }

@@ -239,13 +239,9 @@ TEST_F(Platform, RelayPoolBoundsItsWorkersAndQueueAndRefusesOnlyWhatNoWorkerCanR
     EXPECT_EQ(jobs.refused_here, 4u);
 }
 
-const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
-    return std::make_shared<httpserver::string_response>();
-}
-
-const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver::http_request&) {
-    throw std::bad_alloc();
-}
+using http_reply = std::shared_ptr<httpserver::http_response>;
+const http_reply reply(const httpserver::http_request&) { return std::make_shared<httpserver::string_response>(); }
+const http_reply out_of_memory(const httpserver::http_request&) { throw std::bad_alloc(); }
 
 bool head_below_files(const std::string& path) { return path.compare(0, 8, "/a/files") == 0; }
 
@@ -302,14 +298,10 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
                                    "[::1", "[127.0.0.1]", "127.1", "127.0.0.1:123456",
                                    "127.0.0.1:80x", "localhost.localdomain", ":80", "",
                                    name + "x", name + ".localx", "x" + name};
-    for (const std::string& host : served) {
-        EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}),
-                  request_verdict::served) << host;
-    }
-    for (const std::string& host : refused) {
-        EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}),
-                  request_verdict::misdirected) << host;
-    }
+    for (const std::string& host : served)
+        EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}), request_verdict::served) << host;
+    for (const std::string& host : refused)
+        EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}), request_verdict::misdirected) << host;
     // A state change is refused when the browser says another origin's
     // page asks; reading is not, nor is a client that says nothing.
     const char *host = "127.0.0.1:10182", *self = "http://127.0.0.1:10182";
@@ -324,10 +316,9 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
         {"PUT", nullptr, "same-site", CROSS}, {"POST", self, "cross-site", CROSS},
         {"post", other, nullptr, CROSS},
     };
-    for (const auto& [method, origin, site, verdict] : cases) {
+    for (const auto& [method, origin, site, verdict] : cases)
         EXPECT_EQ(request_guard_judge({method, host, origin, site}), verdict)
             << method << " " << (origin ? origin : "-") << " " << (site ? site : "-");
-    }
     EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), OK);
     EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}), CROSS);
 }
