@@ -74,8 +74,7 @@ def test_registry_file_follows_every_change_and_the_console_tells_each(daemon, m
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK
-    assert module_sandbox.read(REGISTRY_FILE) == (b"B,127.0.0.1,1\nb,127.0.0.1,2\n"
-                                                  b"svcA,127.0.0.1,81\n")
+    assert module_sandbox.read(REGISTRY_FILE) == b"B,127.0.0.1,1\nb,127.0.0.1,2\nsvcA,127.0.0.1,81\n"
 
 
 
