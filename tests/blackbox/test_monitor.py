@@ -128,8 +128,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     writer.join()
     final = pathlib.Path(growing).read_bytes()
     for reply in replies:
-        assert reply.status == 200
-        assert reply.headers["content-length"] == str(len(reply.body))
+        assert (reply.status, reply.headers["content-length"]) == (200, str(len(reply.body)))
         assert final.startswith(reply.body)
     assert len({len(reply.body) for reply in replies}) > 1 and monitor.alive()
 

@@ -64,8 +64,6 @@ TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
     EXPECT_EQ(expected + " \"Too many open files\" \"\"", run(0, {"command", "exit_status", "signal", "error", "output"}));
 }
 
-void interrupt(int) {}
-
 // SIGUSR1, handled without SA_RESTART, reaches only the worker thread
 // (it inherits it unblocked) while the worker waits for the script.
 TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
@@ -73,14 +71,13 @@ TEST(ServiceControl, ExitStatusIsKeptThoughSignalsInterruptTheWait) {
     std::ofstream(SERVICES_SCRIPT_PATH) << "#!/bin/sh\nsleep 0.5\nexit 3\n";
     ASSERT_EQ(0, chmod(SERVICES_SCRIPT_PATH, 0755));
     struct sigaction action = {};
-    action.sa_handler = interrupt;
+    action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
     proc_services_post(httpserver::http_request("POST", "/", {}, {}, R"({"method": "start"})"));
     sigset_t usr1;
     sigemptyset(&usr1), sigaddset(&usr1, SIGUSR1), pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
     const std::string started = " \"" + std::string(SERVICES_SCRIPT_PATH) + " start\"";
-    auto finished = [&] { return run(0, {"command", "ended"}).rfind(started + " \"", 0) == 0; };
-    poll_until([&] { return kill(getpid(), SIGUSR1) == 0 && finished(); });
+    poll_until([&] { return kill(getpid(), SIGUSR1) == 0 && run(0, {"command", "ended"}).rfind(started + " \"", 0) == 0; });
     EXPECT_EQ(started + " 3", run(0, {"command", "exit_status"}));
 }
 
