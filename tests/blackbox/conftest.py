@@ -1,7 +1,6 @@
-"""Fixtures of the black-box tests: a sandbox per test, or per module. The
-tests run only in a network namespace with loopback alone
-(tests/sandbox/loopback_only.sh, as ctest runs them): a registered address
-outside loopback is then unreachable, never sent to."""
+"""Fixtures of the black-box tests: a sandbox per test, or per module. The tests run only in a
+network namespace with loopback alone (tests/sandbox/loopback_only.sh, as ctest runs them): a
+registered address outside loopback is then unreachable, never sent to."""
 import socket
 
 import pytest

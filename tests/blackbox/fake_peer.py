@@ -1,7 +1,6 @@
-"""A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`)
-says, one thread per connection, and notes the request heads (the daemon's reachability
-checks apart, in `checks`; a behaviour notes how they end in `endings`); stops with its
-with-block."""
+"""A fake service on loopback: answers as its behaviour (`answer(status, body)`, `silent`) says,
+one thread per connection, and notes the request heads (the daemon's reachability checks apart,
+in `checks`; a behaviour notes how they end in `endings`); stops with its with-block."""
 import socketserver
 import threading
 

@@ -6,6 +6,7 @@ import contextlib
 import http.client
 import json
 import os
+import pathlib
 import resource
 import select
 import shutil
@@ -114,16 +115,12 @@ class Sandbox:
         os.makedirs(os.path.dirname(target), exist_ok=True)
         if os.path.lexists(target) and not self.exists(device_path):
             os.unlink(target)
-        with open(target, "wb") as out:
-            out.write(content.encode() if isinstance(content, str) else content)
+        pathlib.Path(target).write_bytes(content.encode() if isinstance(content, str) else content)
         os.chmod(target, mode)
 
     def read(self, device_path):
         """The file's bytes, or None when it is absent."""
-        if self.exists(device_path):
-            with open(self.path(device_path), "rb") as src:
-                return src.read()
-        return None
+        return pathlib.Path(self.path(device_path)).read_bytes() if self.exists(device_path) else None
 
     def debug_log(self):
         return (self.read(DEBUG_LOG) or b"").decode("utf-8", "replace")
@@ -172,8 +169,7 @@ class Daemon:
         return self.proc.poll() is None
 
     def stderr_text(self):
-        with open(self.stderr_path, "rb") as src:
-            return src.read().decode("utf-8", "replace")
+        return pathlib.Path(self.stderr_path).read_bytes().decode("utf-8", "replace")
 
     def wait_ready(self, timeout=10):
         def ready():

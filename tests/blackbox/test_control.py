@@ -67,38 +67,34 @@ def set_oom_score(value):
     return saved
 
 
-def test_output_kept_and_scripts_start_with_the_default_oom_score(sandbox):
-    sandbox.write(SCRIPTS[0], "#!/bin/sh\necho out; echo err >&2\n"
-                  "head -c 5000 /dev/zero | tr '\\0' x\ncat /proc/self/oom_score_adj\n", mode=0o755)
-    saved = set_oom_score("-500")  # where allowed, the daemon inherits a low score
-    daemon = sandbox.start()
-    set_oom_score(saved)
-    index = svcmon(daemon, "get_control_runs")["index"]
-    assert post(daemon, '{"method": "start"}') == OK
-    assert svcmon(daemon, f"get_control_runs&index={index}&wait=10")["index"] > index
-    assert wait_for(lambda: outcomes(daemon) == [("services.sh start", 0, None, False)])
-    run = svcmon(daemon, "get_control_runs")["items"][0]
-    assert run["output"] == "x" * (4096 - 2) + "0\n" and run["error"] is None
-
-
 def start_runs(daemon):
     text = daemon.request("GET", "/managerService/metrics").body.decode()
     return {outcome: int(n) for outcome, n in
             re.findall(r'control_runs_total\{method="start",outcome="(\w+)"\} (\d+)', text)}
 
 
-def test_at_most_32_scripts_run_at_once_and_the_rest_are_recorded(sandbox):
+def test_output_kept_default_oom_score_and_at_most_32_scripts_at_once(sandbox):
+    """Each script prints its output, then waits until the test lets it end."""
     go = "/tmp/go"  # written in place: the sandbox's overlay may not see a new file
     sandbox.write(go, "")
-    sandbox.write(SCRIPTS[0], f"#!/bin/sh\nuntil grep -q go {go}; do sleep 0.05; done\n", mode=0o755)
+    sandbox.write(SCRIPTS[0], "#!/bin/sh\necho out; echo err >&2\n"
+                  "head -c 5000 /dev/zero | tr '\\0' x\ncat /proc/self/oom_score_adj\n"
+                  f"until grep -q go {go}; do sleep 0.05; done\n", mode=0o755)
+    saved = set_oom_score("-500")  # where allowed, the daemon inherits a low score
     daemon = sandbox.start()
+    set_oom_score(saved)
+    index = svcmon(daemon, "get_control_runs")["index"]
     for _ in range(40):
         assert post(daemon, '{"method": "start"}') == OK
+    assert svcmon(daemon, f"get_control_runs&index={index}&wait=10")["index"] > index
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 8})
     runs = svcmon(daemon, "get_control_runs")["items"]
     assert [r["error"] for r in runs[:9]] == ["too many scripts running"] * 8 + [None]
     sandbox.write(go, "go")
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 8, "succeeded": 32}, 10)
+    assert outcomes(daemon)[8] == ("services.sh start", 0, None, False)
+    run = svcmon(daemon, "get_control_runs")["items"][8]
+    assert run["output"] == "x" * (4096 - 2) + "0\n" and run["error"] is None
     for _ in range(300):  # every post is run, or recorded as not started
         assert post(daemon, '{"method": "start"}') == OK
     assert wait_for(lambda: sum(start_runs(daemon).values()) == 340, 30), start_runs(daemon)

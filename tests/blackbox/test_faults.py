@@ -1,6 +1,5 @@
-"""A bad day for the registry file: a symbolic link or a FIFO planted at its
-path, and SIGKILL in the middle of registration churn. (A full disk is
-simulated in the unit tests.)"""
+"""A bad day for the registry file: a symbolic link or a FIFO planted at its path, and SIGKILL in
+the middle of registration churn. (A full disk is simulated in the unit tests.)"""
 import http.client
 import os
 import random

@@ -3,6 +3,7 @@ marker, the descriptor limit, the OOM score, stop signals writing the registry
 back, a start without any name resolution, a detached start (-d), and a
 start-up that fails."""
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -17,23 +18,17 @@ from harness import (BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, SVCMGR, fr
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
 
-def failure(name, argument):
-    return b"invalid %s:[%s]\nemergency exit.\n" % (name, argument)
-
-
 def illegal(getopt_line, letter):
     return BIN.encode() + b": " + getopt_line + b"\nIllegal option:-" + letter + b"\n"
 
 
 @pytest.mark.parametrize("args, status, text", [
-    (["-p", "0"], 1, failure(b"port", b"0")),
-    (["-t", "x"], 1, failure(b"thread_no", b"x")),
-    (["-m", "-1"], 1, failure(b"g_monitor_period", b"-1")),
-    (["-v", "3"], 1, failure(b"verbose_lv", b"3")),
-    (["-i", "10.0.0"], 1, failure(b"ipaddrs", b"10.0.0")),
-    (["-D", "/etc/hostname"], 1, failure(b"home_path", b"/etc/hostname")),
-    (["-h", "-p", "0"], 0, b""),
-    (["-x"], 0, illegal(b"invalid option -- 'x'", b"x")),
+    ([option, value], 1, b"invalid %s:[%s]\nemergency exit.\n" % (name, value.encode()))
+    for option, name, value in [("-p", b"port", "0"), ("-t", b"thread_no", "x"),
+                                ("-m", b"g_monitor_period", "-1"), ("-v", b"verbose_lv", "3"),
+                                ("-i", b"ipaddrs", "10.0.0"), ("-D", b"home_path", "/etc/hostname")]
+] + [
+    (["-h", "-p", "0"], 0, b""), (["-x"], 0, illegal(b"invalid option -- 'x'", b"x")),
     (["-t", "4", "-D"], 0, illegal(b"option requires an argument -- 'D'", b"D")),
     (["-\x01"], 0, illegal(b"invalid option -- '\x01'", b"#")),
 ])
@@ -58,11 +53,9 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
                                nofile=(512, 8192))
     finally:
         os.umask(old_umask)
-    with open(f"/proc/{daemon.pid}/limits") as limits:
-        assert [line.split()[3] for line in limits if line.startswith("Max open files")] == \
-            [str(256 + 512 + 2 * 3)]
-    with open(f"/proc/{daemon.pid}/oom_score_adj") as score:
-        lowered = int(score.read()) == -900
+    limits = pathlib.Path(f"/proc/{daemon.pid}/limits").read_text()
+    assert re.search(r"^Max open files +(\d+) ", limits, re.M)[1] == str(256 + 512 + 2 * 3)
+    lowered = int(pathlib.Path(f"/proc/{daemon.pid}/oom_score_adj").read_text()) == -900
     assert register(daemon, "svcA") == OK
     modes = {path: stat.S_IMODE(os.stat(sandbox.path(path)).st_mode) for path in
              [REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}

@@ -1,8 +1,8 @@
-"""The monitor resource: health status, history relayed from fake services,
-its error codes, and the web pages (types, redirect, symlinks that stay inside
-the home path, 404 for anything outside it or not a regular file,
-revalidation)."""
+"""The monitor resource: health status, history relayed from fake services, its error codes, and
+the web pages (types, redirect, symlinks that stay inside the home path, 404 for anything outside
+it or not a regular file, revalidation)."""
 import os
+import pathlib
 import socket
 import threading
 
@@ -33,11 +33,9 @@ def monitor(module_sandbox):
                          ("index.html", "rel.html"), ("/www/index.html", "abs.html")]:
         os.symlink(target, module_sandbox.path("/www/" + name))
     os.mkfifo(module_sandbox.path("/www/pipe.html"))
-    with FakePeer(history_service) as good, \
-            FakePeer(answer(500, b"{}")) as failing:
+    with FakePeer(history_service) as good, FakePeer(answer(500, b"{}")) as failing:
         daemon = module_sandbox.start("-v", "2", "-m", "1", "-D", "/www/")
-        for name, port in [("good", good.port), ("failing", failing.port),
-                           ("closed", free_port())]:
+        for name, port in [("good", good.port), ("failing", failing.port), ("closed", free_port())]:
             assert register(daemon, name, port) == OK
         yield daemon
 
@@ -50,6 +48,7 @@ def json_reply(text):
     return 200, "application/json", text
 
 
+PAGE = (200, "text/html", INDEX)
 WALK = [
     (method("get_history&name=good"), {},
      json_reply(b'{ "return": 0, "service_response": { "events": [ 1 ] } }')),
@@ -58,20 +57,12 @@ WALK = [
     (method("get_history"), {}, json_reply(b'{ "return": -6 }')),
     (method("GET_HEALTH_STATUS"), {}, json_reply(b'{ "return": -1 }')),
     (SVCMON + "/other?method=get_health_status", {}, json_reply(b'{ "return": -4 }')),
-    (WEB, {}, (302, "text/plain", b"")),
-    (WEB + "/index.html", {"If-Modified-Since": OLD_DATE}, (200, "text/html", INDEX)),
-    (WEB + "/app.js", {"Cookie": "c=" + "x" * 7800},
-     (200, "application/javascript", b"let app = 1;")),
-    (WEB + "/missing.html", {}, NOT_FOUND),
-    (WEB + "/out.js", {}, NOT_FOUND),
-    (WEB + "/up.js", {}, NOT_FOUND),
-    (WEB + "/rel.html", {}, (200, "text/html", INDEX)),
-    (WEB + "/abs.html", {}, (200, "text/html", INDEX)),
-    (WEB + "/pipe.html", {}, NOT_FOUND),
-    (WEB + "/sub/../index.html", {}, NOT_FOUND),
-    (WEB + "..//www/index.html", {}, NOT_FOUND),
-    (WEB + "/%2e%2e/outside/secret.js", {}, NOT_FOUND),
-]
+    (WEB, {}, (302, "text/plain", b"")), (WEB + "/rel.html", {}, PAGE), (WEB + "/abs.html", {}, PAGE),
+    (WEB + "/index.html", {"If-Modified-Since": OLD_DATE}, PAGE),
+    (WEB + "/app.js", {"Cookie": "c=" + "x" * 7800}, (200, "application/javascript", b"let app = 1;")),
+] + [(WEB + page, {}, NOT_FOUND) for page in (
+    "/missing.html", "/out.js", "/up.js", "/pipe.html", "/sub/../index.html", "..//www/index.html",
+    "/%2e%2e/outside/secret.js")]
 
 
 def without_date(headers):
@@ -104,8 +95,7 @@ def test_page_validators_give_304_until_the_page_changes(monitor):
         assert (again.status, again.body, again.headers["etag"]) == (304, b"", tag)
         # No length, or the page's own: never a false one.
         assert again.headers.get("content-length") in (None, str(len(INDEX)))
-    with open(device_path_of(monitor, "/www/index.html"), "wb") as page:
-        page.write(b"<html>changed</html>")
+    pathlib.Path(device_path_of(monitor, "/www/index.html")).write_bytes(b"<html>changed</html>")
     fresh = monitor.request("GET", WEB + "/index.html", headers={"If-None-Match": tag})
     assert (fresh.status, fresh.body) == (200, b"<html>changed</html>")
 
@@ -119,8 +109,7 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     """Over 4 MiB whole; a file being appended to up to its length at open,
     its bytes as they are in the file."""
     big = bytes(range(256)) * (5 * 4096 + 7)
-    with open(device_path_of(monitor, "/www/big.html"), "wb") as page:
-        page.write(big)
+    pathlib.Path(device_path_of(monitor, "/www/big.html")).write_bytes(big)
     reply = monitor.request("GET", WEB + "/big.html")
     assert (reply.status, reply.headers["content-length"], reply.body == big) == (
         200, str(len(big)), True)
@@ -137,28 +126,23 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     while writer.is_alive() or len(replies) < 3:
         replies.append(monitor.request("GET", WEB + "/growing.js"))
     writer.join()
-    with open(growing, "rb") as log:
-        final = log.read()
+    final = pathlib.Path(growing).read_bytes()
     for reply in replies:
-        assert reply.status == 200
-        assert reply.headers["content-length"] == str(len(reply.body))
+        assert (reply.status, reply.headers["content-length"]) == (200, str(len(reply.body)))
         assert final.startswith(reply.body)
     assert len({len(reply.body) for reply in replies}) > 1 and monitor.alive()
 
 
 def test_a_page_cut_shorter_while_sent_ends_its_reply(monitor):
-    """The reply stops short and its connection closes (idle limit); the
-    daemon serves on."""
+    """The reply stops short and its connection closes (idle limit); the daemon serves on."""
     path = device_path_of(monitor, "/www/cut.html")
-    with open(path, "wb") as page:
-        page.write(b"c" * (8 << 20))
+    pathlib.Path(path).write_bytes(b"c" * (8 << 20))
     reader = socket.create_connection(("127.0.0.1", monitor.port), timeout=30)
     reader.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     reader.sendall(b"GET " + (WEB + "/cut.html").encode() + b" HTTP/1.1\r\nHost: t\r\n\r\n")
     received = reader.recv(4096)
     os.truncate(path, 100)
-    while chunk := reader.recv(1 << 16):
-        received += chunk
+    received += reader.makefile("rb").read()
     reader.close()
     assert len(received) < 8 << 20
     assert monitor.request("GET", WEB + "/cut.html").body == b"c" * 100

@@ -5,6 +5,7 @@ phone with 220 services, and against a fake daemon that lacks the newer methods.
 MANAGER_SVC_SCREENSHOTS set to a folder, the desktop and phone views are saved there."""
 import json
 import os
+import pathlib
 import time
 import urllib.parse
 
@@ -36,20 +37,23 @@ CARD_LINES = """Math.max(...Array.from(document.querySelectorAll('tr.service'), 
 # The fewest checks in any service's strip.
 RECENT_CHECKS = "Math.min(...Array.from(document.querySelectorAll('.strip'), (s) => s.children.length))"
 LAST_ROW = "document.querySelector('#services tbody:last-of-type')"
-RUNS = "Array.from(document.querySelectorAll('#runs li'), (li) => li.innerText)"
+RUN = "document.querySelector('#runs li')?.innerText ?? ''"  # the newest control run
 STOP_DISABLED = "document.querySelector('#controls button[value=stop]').ariaDisabled"
 
 
 def start_daemon(sandbox, *args, port=None):
     """The daemon with the page of web/ at its default home path."""
     for name in ("index.html", "app.js"):
-        with open(os.path.join(WEB_DIR, name), "rb") as page:
-            sandbox.write(f"{HOME}/{name}", page.read())
+        sandbox.write(f"{HOME}/{name}", pathlib.Path(WEB_DIR, name).read_bytes())
     return sandbox.start(*args, port=port)
 
 
 def press(page, selector):
     page.js(f"document.querySelector({json.dumps(selector)}).click()")
+
+
+def text(page, element_id, member="textContent"):
+    return page.js(f"document.getElementById('{element_id}').{member}")
 
 
 def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
@@ -70,13 +74,11 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
                         ["svc_up", "up"]]
             assert wait_for(lambda: page.js(ROWS) == expected, 10), page.js(ROWS)
             assert page.js("document.title") == "(2) Service monitor: 1 down, 1 no answer"
-            assert "svc_hung not checked yet \u2192 no answer" in page.js(
-                "document.getElementById('events').innerText")
+            assert "svc_hung not checked yet \u2192 no answer" in text(page, "events", "innerText")
             page.js(f"window.upRow = {LAST_ROW}; upRow.querySelector('button.name').focus();"
                     "getSelection().selectAllChildren(upRow.querySelector('td.address'))")
-        # A service stopped while the page is open is down within 2 s: its row
-        # moves among the problems; the others keep their nodes, the focus and
-        # the selection.
+        # A service stopped while the page is open is down within 2 s: its row moves among the
+        # problems; the others keep their nodes, the focus and the selection.
         began = time.monotonic()
         assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 10), page.js(ROWS)
         took = time.monotonic() - began
@@ -92,23 +94,19 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert wait_for(lambda: '"events"' in page.js(
             f"{LAST_ROW}.querySelector('tr.service + tr.history pre').textContent"))
         assert page.js(f"document.activeElement === {LAST_ROW}.querySelector('.history-box')")
-        assert wait_for(lambda: page.js("document.getElementById('announce').textContent")
-                        == "History of svc_up shown.")
+        assert wait_for(lambda: text(page, "announce") == "History of svc_up shown.")
 
         # A control run: confirmation, "running" with the button disabled, then
         # the outcome and the output's last lines.
         press(page, "#controls button[value=stop]")
-        assert "runs /etc/init.d/services.sh stop: stops the device's services" in \
-            page.js("document.getElementById('confirm').open && "
-                    "document.getElementById('confirm-text').textContent")
+        assert text(page, "confirm", "open") and "runs /etc/init.d/services.sh stop: stops the " \
+            "device's services" in text(page, "confirm-text")
         press(page, "#confirm-run")
-        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith("running stop"))
+        assert wait_for(lambda: page.js(RUN).startswith("running stop"))
         assert page.js(STOP_DISABLED) == "true"
-        with open(device_path_of(daemon, GO), "w"):
-            pass
-        assert wait_for(lambda: page.js(RUNS)[0].startswith("ok (exit status 0) stop"))
-        assert page.js(RUNS)[0].endswith(
-            "stopping the services\n/etc/init.d/services.sh stop done"), page.js(RUNS)
+        pathlib.Path(device_path_of(daemon, GO)).touch()
+        assert wait_for(lambda: page.js(RUN).startswith("ok (exit status 0) stop"))
+        assert page.js(RUN).endswith("stopping the services\n/etc/init.d/services.sh stop done")
         assert page.js(STOP_DISABLED) == "false"
         assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
         page.shoot("monitor-desktop", whole=True)
@@ -118,9 +116,8 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert page.js("document.body.classList.contains('stale-view') && "
                        "!document.getElementById('stale').hidden")
         start_daemon(sandbox, "-m", "1", port=daemon.port)
-        assert wait_for(lambda: page.js("document.getElementById('restarted').hidden") is False)
-        assert "events and runs from before the restart are gone" in \
-            page.js("document.getElementById('restarted').textContent")
+        assert wait_for(lambda: text(page, "restarted", "hidden") is False)
+        assert "events and runs from before the restart are gone" in text(page, "restarted")
         assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
 
 
@@ -138,7 +135,7 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
             return sorted(states[:70]) == ["down"] * 60 + ["no answer"] * 10 and \
                 states[70:] == ["up"] * 150
         assert wait_for(problems_first, 20), page.js(ROWS)
-        assert page.js("document.getElementById('count').textContent") == "60 down, 10 no answer"
+        assert text(page, "count") == "60 down, 10 no answer"
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
         # A few checks in every strip, and one screen of each state.
@@ -154,8 +151,7 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
 # A daemon of an older build: no events, reachability without index or
 # states (or none, when the test says), control runs without output.
 OLDER_REPLIES = {
-    "get_health_status": {"return": 0, "items": []},
-    "get_events": {"return": -1},
+    "get_health_status": {"return": 0, "items": []}, "get_events": {"return": -1},
     "get_reachability": {"return": 0, "period": 1, "items": [
         {"name": "a_up", "ip": "127.0.0.1", "port": 7, "reachable": True, "failures": 0,
          "error": "", "since": "2026-11-23T07:00:00Z", "latency_ms": 0.5},
@@ -163,8 +159,7 @@ OLDER_REPLIES = {
          "error": "connection refused", "since": None, "latency_ms": None}]},
     "get_control_runs": {"return": 0, "items": [
         {"method": "start", "command": "/etc/init.d/services.sh start", "signal": None,
-         "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z",
-         "exit_status": 3}]}}
+         "started": "2026-11-23T07:59:01Z", "ended": "2026-11-23T07:59:02Z", "exit_status": 3}]}}
 
 
 def older_daemon(peer, conn):
@@ -174,8 +169,7 @@ def older_daemon(peer, conn):
     if url.path == "/managerService/sys_state":
         body = b'{"cpu": [3, 4]}'
     elif url.path.startswith(SVCMON + "/web/"):
-        with open(os.path.join(WEB_DIR, os.path.basename(url.path)), "rb") as page:
-            body = page.read()
+        body = pathlib.Path(WEB_DIR, os.path.basename(url.path)).read_bytes()
     else:
         body = json.dumps(OLDER_REPLIES.get(method, {"return": -1})).encode()
     kind = {".html": "text/html", ".js": "application/javascript"}.get(
@@ -189,15 +183,13 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
         assert "connection refused (4 checks in a row)" in page.js(
             "document.querySelector('#services tbody').textContent")
-        assert wait_for(lambda: page.js("document.getElementById('events-note').textContent")
+        assert wait_for(lambda: text(page, "events-note")
                         == "Unknown: the daemon does not report events.")
-        assert page.js("document.getElementById('live').textContent") == "(asking every 1 s)"
-        assert wait_for(lambda: page.js(RUNS)[:1] and page.js(RUNS)[0].startswith(
-            "failed: exit status 3 start")), page.js(RUNS)
+        assert text(page, "live") == "(asking every 1 s)"
+        assert wait_for(lambda: page.js(RUN).startswith("failed: exit status 3 start")), page.js(RUN)
         assert page.js("document.documentElement.scrollWidth") == 390
         press(page, "#sys-state-box summary")
-        assert wait_for(lambda: page.js("document.getElementById('sys-state').textContent")
-                        == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
+        assert wait_for(lambda: text(page, "sys-state") == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
         # Without reachability at all, the list comes from the health status.
         OLDER_REPLIES["get_health_status"]["items"] = [
             {"name": "c_only", "ip": "127.0.0.1", "port": 9, "health_status": "off-line"}]
@@ -205,6 +197,5 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
         assert page.js("document.title") == "Service monitor: state unknown"
         older.behaviour = lambda peer, conn: None  # closes at once, unanswered
-        assert wait_for(lambda: page.js("document.getElementById('count').textContent")
-                        .startswith("daemon not answering since"), 3)
+        assert wait_for(lambda: text(page, "count").startswith("daemon not answering since"), 3)
 

@@ -34,14 +34,11 @@ def test_three_states_and_their_reply(sandbox):
     with FakePeer(answer(503)) as answering, FakePeer(silent) as hung, \
             FakePeer(answer(200)) as stopping, FakePeer(head_then_end) as partial:
         daemon = sandbox.start("-v", "2", "-m", "1")
-        for name, port, ip in [("answering", answering.port, "127.0.0.1"),
-                               ("hung", hung.port, "127.0.0.1"),
-                               ("refused", free_port(), "127.0.0.1"),
-                               ("stopped", stopping.port, "127.0.0.1"),
-                               ("partial", partial.port, "127.0.0.1"),
-                               ("local", answering.port, "localhost"),
-                               ("outside", 80, "192.0.2.1")]:  # a documentation address
-            assert register(daemon, name, port, ip) == OK
+        for name, port, *ip in [("answering", answering.port), ("hung", hung.port),
+                                ("refused", free_port()), ("stopped", stopping.port),
+                                ("partial", partial.port), ("local", answering.port, "localhost"),
+                                ("outside", 80, "192.0.2.1")]:  # a documentation address
+            assert register(daemon, name, port, *ip) == OK
         console = console_without_requests(daemon)
         assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "up", 5)
         stopping.behaviour = silent  # still accepts, answers no more (as after SIGSTOP)

@@ -11,8 +11,7 @@ HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.
 GET_INFO = f"GET {SVCMGR}?method=get_info&name=x HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode()
 FAILED = b'{ "return": -5 }'
 RUNNING, WAITING, BEYOND = 64, 128, 10
-# Of the 256 connections, above 224 open the longest waiting are closed
-# until 192 are left.
+# Of the 256 connections, above 224 open the longest waiting are closed until 192 are left.
 IDLE, FIRST_CLOSED, KEPT = 300, 40, 40
 
 

@@ -16,10 +16,8 @@ def daemon(module_sandbox):
 
 
 @pytest.mark.parametrize("status, body, relayed", [
-    (None, b"", b""),
-    (200, b"not json <at all>\x00\xff", b"not json <at all>\x00\xff"),
-    (200, b"y" * LIMIT, b"y" * LIMIT),
-    (200, b"z" * (LIMIT + 1), b""),
+    (None, b"", b""), (200, b"not json <at all>\x00\xff", b"not json <at all>\x00\xff"),
+    (200, b"y" * LIMIT, b"y" * LIMIT), (200, b"z" * (LIMIT + 1), b""),
     (500, b'{"error": "busy"}', b""),
 ], ids=["unregistered", "any-bytes", "at-limit", "over-limit", "500"])
 def test_relay(daemon, status, body, relayed):

@@ -35,10 +35,8 @@ WALK = [
     ("DELETE", SVCMGR + "?method=register&name=svcA", None, 200, b'{ "return": -1 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=", None, 200, b'{ "return": -3 }'),
     ("DELETE", SVCMGR + "?method=unregister&name=nobody", None, 200, b'{ "return": -2 }'),
-    ("POST", SVCMGR, BIG_BODY + " ", 413, None),
-    ("POST", SVCMGR, BIG_BODY, 200, OK),
-    ("PUT", SVCMGR, "{}", 405, None),
-    ("HEAD", SVCMGR, None, 405, None),
+    ("POST", SVCMGR, BIG_BODY + " ", 413, None), ("POST", SVCMGR, BIG_BODY, 200, OK),
+    ("PUT", SVCMGR, "{}", 405, None), ("HEAD", SVCMGR, None, 405, None),
     ("GET", "/managerService/nothing", None, 404, None),
     ("DELETE", SVCMGR + "?method=unregister&name=big", None, 200, OK),
     # A name cut to its buffer stays UTF-8: no half of the euro sign is kept.
@@ -76,8 +74,7 @@ def test_registry_file_follows_every_change_and_the_console_tells_each(daemon, m
     assert module_sandbox.debug_log().count("param_name invalid : \n") == 3
     for name, port in [("b", 2), ("B", 1), ("svcA", 81)]:
         assert register(daemon, name, port) == OK
-    assert module_sandbox.read(REGISTRY_FILE) == (b"B,127.0.0.1,1\nb,127.0.0.1,2\n"
-                                                  b"svcA,127.0.0.1,81\n")
+    assert module_sandbox.read(REGISTRY_FILE) == b"B,127.0.0.1,1\nb,127.0.0.1,2\nsvcA,127.0.0.1,81\n"
 
 
 

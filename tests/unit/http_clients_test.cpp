@@ -32,9 +32,8 @@ TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     }
 }
 
-// The name server's answer gives the address: ports 1 to 65535 and a
-// usable host; anything else is refused. (The look-up and the get with
-// their bounds: tests/blackbox/test_relay_default_port.py.)
+// The name server's answer gives the address: ports 1 to 65535 and a usable host; anything else is refused.
+// (The look-up and the get with their bounds: tests/blackbox/test_relay_default_port.py.)
 TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
     const std::tuple<std::string, int, const char*, int> cases[] = {
         {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", RESULT_OK, "127.0.0.5", 1},
@@ -70,8 +69,7 @@ TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
     }
     const std::string path(500, 'p');  // 1 + 500 + 90 + 433 = 1024 fits
     EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(433, 'q').c_str(), url), HTTP_GET_OK);
-    EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url),
-              HTTP_GET_TOO_LONG);
+    EXPECT_EQ(build_get_url("h", 7, path.c_str(), std::string(434, 'q').c_str(), url), HTTP_GET_TOO_LONG);
 }
 
 // Another scheme in a registered address never makes the client speak it;
@@ -79,8 +77,7 @@ TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
 TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
     const std::string limit = OK_HEAD + std::string(HTTP_GET_MAX_REPLY, 'b');
     const std::tuple<const char*, std::string, long long, bool> cases[] = {
-        {"dict://127.0.0.1", "", HTTP_GET_TRANSFER_FAILED, false},
-        {"127.0.0.1", limit, HTTP_GET_OK, false},
+        {"dict://127.0.0.1", "", HTTP_GET_TRANSFER_FAILED, false}, {"127.0.0.1", limit, HTTP_GET_OK, false},
         {"127.0.0.1", limit + "b", HTTP_GET_TRANSFER_FAILED, false},
         {"127.0.0.1", "", HTTP_GET_TRANSFER_FAILED, true},  // silent
     };

@@ -1,6 +1,5 @@
-// The device libraries' stand-ins and the server's parts: debug log, crash
-// handler, utility helpers, relay pool, connection guard, request/response
-// layer and resource table. Files go to a fresh working directory.
+// The device libraries' stand-ins and the server's parts: debug log, crash handler, utility helpers, relay
+// pool, connection guard, request/response layer and resource table. Files go to a fresh working directory.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -27,12 +26,10 @@
 #include "platform/utils.h"
 #include "tests/unit/unit_support.h"
 
-namespace {
-
 // While not -1, the real-time clock reads this second (see clock_gettime below).
-volatile time_t fake_realtime = -1;
-
-}  // namespace
+static volatile time_t fake_realtime = -1;
+// While set, no thread can be made (see pthread_create below).
+static std::atomic<bool> threads_refused{false};
 
 // With 64-bit time on a 32-bit target the C library's call has another name.
 #ifdef __USE_TIME64_REDIRECTS
@@ -43,11 +40,15 @@ constexpr char REAL_CLOCK_GETTIME[] = "clock_gettime";
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
     static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, REAL_CLOCK_GETTIME));
-    if (clock != CLOCK_REALTIME || fake_realtime == -1) {
-        return real(clock, now);
-    }
+    if (clock != CLOCK_REALTIME || fake_realtime == -1) return real(clock, now);
     *now = {fake_realtime, 0};
     return 0;
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*start)(void*), void* argument) {
+    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return threads_refused ? EAGAIN : real(thread, attributes, start, argument);
 }
 
 namespace {
@@ -83,9 +84,8 @@ TEST_F(Platform, DebugLogWritesStampedRecordsMakingItsDirectoriesAndRotates) {
     const std::string after = local_now();
     const std::string text = contents_of("a/b/debug.log"), stamp = text.substr(0, before.size());
     EXPECT_TRUE(stamp == before || stamp == after) << text;
-    EXPECT_TRUE(std::regex_match(text.substr(stamp.size()),
-                                 std::regex("\\.[0-9]{3} platform_test\\[" +
-                                            std::to_string(getpid()) + "\\]: first 1\n")));
+    const std::regex rest("\\.[0-9]{3} platform_test\\[" + std::to_string(getpid()) + "\\]: first 1\n");
+    EXPECT_TRUE(std::regex_match(text.substr(stamp.size()), rest));
     ASSERT_EQ(close(creat("file", 0644)), 0);
     EXPECT_EQ(log_File_Debug_s("file/debug.log", 1 << 20, "lost"), -ENOTDIR);
     // The log rotates when the next record would pass the limit.
@@ -114,10 +114,9 @@ TEST_F(PlatformDeathTest, CrashHandlerWritesOneRecordAndDiesByTheSignal) {
                     ::testing::KilledBySignal(sig), "");
         fake_realtime = -1;
         const std::string record = contents_of("crash/crash.log").substr(before);
-        EXPECT_TRUE(std::regex_search(
-            record, std::regex("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
-                               std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}")))
-            << record;
+        const std::regex expected("^" + std::string(stamp) + " UTC crash_prog\\[[0-9]+\\]: crash: signal " +
+                                  std::to_string(sig) + " \\(" + name + "\\), backtrace:\n(.+\n){3}");
+        EXPECT_TRUE(std::regex_search(record, expected)) << record;
         EXPECT_EQ(record.find("crash:", record.find("crash:") + 1), std::string::npos);
     }
 }
@@ -146,9 +145,8 @@ TEST_F(PlatformDeathTest, CrashHandlerRecordsAStackOverflow) {
 
 volatile sig_atomic_t caught_signal = 0;
 
-// A daemon may have closed its standard input: descriptor 0 is then a
-// marker file's like any other. The crash handler library installs a
-// caller's own handler as it is.
+// A daemon may have closed its standard input: descriptor 0 is then a marker file's like any other. The crash
+// handler library installs a caller's own handler as it is.
 TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_TRUE(isValidIpAddress("::ffff:192.0.2.1") && !isValidIpAddress("localhost"));
     close(STDIN_FILENO);
@@ -161,9 +159,8 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
     EXPECT_EQ(caught_signal, SIGUSR1);
 }
 
-// A text longer than its buffer is cut after its last whole character:
-// ASCII at 31 bytes, "\u00e9" (2 bytes), "\u20ac" (3) and U+1F600 (4) never
-// in the middle. A missing or non-string member leaves the buffer alone.
+// A text longer than its buffer is cut after its last whole character: ASCII at 31 bytes, "\u00e9" (2 bytes),
+// "\u20ac" (3) and U+1F600 (4) never in the middle. A missing or non-string member leaves the buffer alone.
 TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
     const std::string a(27, 'a'), e = "\xc3\xa9", euro = "\xe2\x82\xac", smile = "\xf0\x9f\x98\x80";
     const std::pair<std::string, std::string> cases[] = {
@@ -180,15 +177,13 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
         EXPECT_EQ(get_json_str_by_key(object, "name", buffer, sizeof buffer), 0);
         EXPECT_EQ(buffer, expected);
         EXPECT_EQ(get_json_str_by_key(object, "port", buffer, sizeof buffer) +
-                      get_json_str_by_key(object, "ip", buffer, sizeof buffer),
-                  2 * RESULT_NOT_FOUND);
+                      get_json_str_by_key(object, "ip", buffer, sizeof buffer), 2 * RESULT_NOT_FOUND);
         EXPECT_EQ(buffer, expected);
         json_object_put(object);
     }
 }
 
-// Jobs that wait until the gate opens; refusals are counted on the
-// submitting thread (the test's) only.
+// Jobs that wait until the gate opens; refusals are counted on the submitting thread (the test's) only.
 struct job_counts {
     std::promise<void> gate;
     std::shared_future<void> open = gate.get_future().share();
@@ -204,9 +199,7 @@ struct gated_job : relay_job {
         counts.open.wait();
         ++counts.finished;
     }
-    void refuse() override {
-        counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0;
-    }
+    void refuse() override { counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0; }
     job_counts& counts;
 };
 
@@ -214,23 +207,9 @@ void job_counts::submit(unsigned count) {
     while (count-- > 0) relay_pool_submit(std::make_unique<gated_job>(*this));
 }
 
-// While set, no thread can be made (pthread_create is interposed).
-std::atomic<bool> threads_refused{false};
-
-}  // namespace
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*start)(void*), void* argument) {
-    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return threads_refused ? EAGAIN : real(thread, attributes, start, argument);
-}
-
-namespace {
-
-// Refused at once on the submitting thread: jobs past the queue, every
-// job once the pool has stopped, and a job that no worker can run (which
-// leaves nothing in the queue); while a worker is busy and no thread can
-// be made, the next job waits for that worker instead.
+// Refused at once on the submitting thread: jobs past the queue, every job once the pool has stopped, and a
+// job that no worker can run (which leaves nothing in the queue); while a worker is busy and no thread can be
+// made, the next job waits for that worker instead.
 TEST_F(Platform, RelayPoolBoundsItsWorkersAndQueueAndRefusesOnlyWhatNoWorkerCanRun) {
     constexpr unsigned TOTAL = RELAY_POOL_WORKERS + RELAY_POOL_QUEUE + 3;
     job_counts jobs, more;
@@ -260,17 +239,11 @@ TEST_F(Platform, RelayPoolBoundsItsWorkersAndQueueAndRefusesOnlyWhatNoWorkerCanR
     EXPECT_EQ(jobs.refused_here, 4u);
 }
 
-const std::shared_ptr<httpserver::http_response> reply(const httpserver::http_request&) {
-    return std::make_shared<httpserver::string_response>();
-}
+using http_reply = std::shared_ptr<httpserver::http_response>;
+const http_reply reply(const httpserver::http_request&) { return std::make_shared<httpserver::string_response>(); }
+const http_reply out_of_memory(const httpserver::http_request&) { throw std::bad_alloc(); }
 
-const std::shared_ptr<httpserver::http_response> out_of_memory(const httpserver::http_request&) {
-    throw std::bad_alloc();
-}
-
-bool head_below_files(const std::string& path) {
-    return path.compare(0, 8, "/a/files") == 0;
-}
+bool head_below_files(const std::string& path) { return path.compare(0, 8, "/a/files") == 0; }
 
 // What a handler throws stays in its module: the guarded handler answers
 // null, which the server sends as 500; a reply passes through as it is.
@@ -289,16 +262,14 @@ TEST_F(Platform, ResponsesDefaultToPlainTextAndResourcesCoverThePathsBelow) {
     EXPECT_EQ(resource.handler_for("PUT", "/a/b"), reply);
     EXPECT_EQ(resource.handler_for("HEAD", "/a/b"), nullptr);
     // HEAD reaches the GET handler only on the paths its rule names.
-    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr,
-                               head_below_files);
+    common_http_resource files("/a", reply, nullptr, nullptr, nullptr, nullptr, head_below_files);
     EXPECT_EQ(files.handler_for("HEAD", "/a/files/x"), reply);
     EXPECT_EQ(files.handler_for("HEAD", "/a"), nullptr);
     EXPECT_EQ(files.allowed_methods(), "GET");
 }
 
-// A file response owns its descriptor: once a raw response is made (a copy
-// of a small file, or one sent from the file) it is closed, or the raw
-// response closes it; when none was made the response itself closes it.
+// A file response owns its descriptor: once a raw response is made (a copy of a small file, or one sent from
+// the file) it is closed, or the raw response closes it; when none was made the response itself closes it.
 TEST_F(Platform, FileResponsesCloseTheirDescriptorOnEveryPath) {
     std::ofstream("file_response") << std::string(20000, 'x');
     for (const std::uint64_t size : {5, 20000}) {
@@ -327,14 +298,10 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
                                    "[::1", "[127.0.0.1]", "127.1", "127.0.0.1:123456",
                                    "127.0.0.1:80x", "localhost.localdomain", ":80", "",
                                    name + "x", name + ".localx", "x" + name};
-    for (const std::string& host : served) {
-        EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}),
-                  request_verdict::served) << host;
-    }
-    for (const std::string& host : refused) {
-        EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}),
-                  request_verdict::misdirected) << host;
-    }
+    for (const std::string& host : served)
+        EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}), request_verdict::served) << host;
+    for (const std::string& host : refused)
+        EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}), request_verdict::misdirected) << host;
     // A state change is refused when the browser says another origin's
     // page asks; reading is not, nor is a client that says nothing.
     const char *host = "127.0.0.1:10182", *self = "http://127.0.0.1:10182";
@@ -349,10 +316,9 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
         {"PUT", nullptr, "same-site", CROSS}, {"POST", self, "cross-site", CROSS},
         {"post", other, nullptr, CROSS},
     };
-    for (const auto& [method, origin, site, verdict] : cases) {
+    for (const auto& [method, origin, site, verdict] : cases)
         EXPECT_EQ(request_guard_judge({method, host, origin, site}), verdict)
             << method << " " << (origin ? origin : "-") << " " << (site ? site : "-");
-    }
     EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), OK);
     EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}), CROSS);
 }

@@ -1,8 +1,6 @@
-// prober_test.cpp - reachability: the HTTP-level checks against loopback
-// peers (every outcome, each result handed over once and as soon as it is
-// known, "localhost", the stop descriptor), and the
-// prober's reply and findings (counts, recent results, events).
-// Runs in the sandbox: registering writes the registry file.
+// prober_test.cpp - reachability: the HTTP-level checks against loopback peers (every outcome, each result
+// handed over once and as soon as it is known, "localhost", the stop descriptor), and the prober's reply and
+// findings (counts, recent results, events). Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
 #include <gtest/gtest.h>
@@ -61,24 +59,24 @@ TEST(ProbeTargets, EveryOutcomeOfAnHttpCheck) {
     close(wake[0]), close(wake[1]);
 }
 
-// A member of the reply's item for `name` (or of the reply itself for ""), as JSON text.
-std::string finding(const std::string& name, const char* member) {
+// Members of the reply's item for `name` (or of the reply itself for ""), as JSON texts after a space each.
+std::string finding(const std::string& name, std::initializer_list<const char*> members) {
     json_object* reply = json_tokener_parse(prober_reachability_reply().c_str());
     json_object* items = json_object_object_get(reply, "items");
-    std::string text = name.empty() ? json_object_to_json_string(json_object_object_get(reply, member)) : "no item";
+    json_object* found = name.empty() ? reply : nullptr;
     for (std::size_t i = 0; i < json_object_array_length(items); ++i) {
         json_object* item = json_object_array_get_idx(items, i);
-        if (name == json_object_get_string(json_object_object_get(item, "name"))) {
-            text = json_object_to_json_string(json_object_object_get(item, member));
-        }
+        if (name == json_object_get_string(json_object_object_get(item, "name"))) found = item;
     }
+    std::string text = found == nullptr ? " no item" : "";
+    for (const char* member : members)
+        text += std::string(" ") + json_object_to_json_string(json_object_object_get(found, member));
     json_object_put(reply);
     return text;
 }
 
-// Polls until the member shows `value`.
 bool becomes(const std::string& name, const char* member, const std::string& value) {
-    return poll_until([&] { return finding(name, member) == value; });
+    return poll_until([&] { return finding(name, {member}) == " " + value; });
 }
 
 // Before the prober ever started: period 0 and no finding. Checks are
@@ -88,8 +86,7 @@ TEST(Prober, CountsRecentResultsAndEvents) {
     EXPECT_EQ(R"({ "return": 0, "index": 0, "version": "1.0.0", "started": null, "period": 0, "items": [ )"
               R"({ "name": "a", "ip": "127.0.0.1", "port": 1, "reachable": null, "state": null, "http_status": null, )"
               R"("checked": null, "since": null, "latency_ms": null, "failures": 0, "error": "", "checks": 0, )"
-              R"("up_checks": 0, "recent": "" } ] })",
-              prober_reachability_reply());
+              R"("up_checks": 0, "recent": "" } ] })", prober_reachability_reply());
     svc_info_delete("a");
     loopback_peer up, closed(false);
     up.serve("HTTP/1.0 200 OK\r\n\r\n");
@@ -97,17 +94,14 @@ TEST(Prober, CountsRecentResultsAndEvents) {
     svc_info_add("down", svc_info{"127.0.0.1", closed.port});
     ASSERT_TRUE(prober_start(1));
     EXPECT_TRUE(becomes("up", "checks", "2"));
-    EXPECT_EQ(R"("uu" 2 200 "up" true)", finding("up", "recent") + " " + finding("up", "up_checks") + " " +
-                                            finding("up", "http_status") + " " + finding("up", "state") + " " +
-                                            finding("up", "reachable"));
+    EXPECT_EQ(R"( "uu" 2 200 "up" true)", finding("up", {"recent", "up_checks", "http_status", "state", "reachable"}));
     EXPECT_TRUE(becomes("down", "recent", R"("dd")"));
-    EXPECT_EQ(R"(0 2 "connection refused" null)", finding("down", "up_checks") + " " + finding("down", "failures") +
-                                                      " " + finding("down", "error") + " " + finding("down", "latency_ms"));
-    const std::string index = finding("", "index");
+    EXPECT_EQ(R"( 0 2 "connection refused" null)", finding("down", {"up_checks", "failures", "error", "latency_ms"}));
+    const std::string index = finding("", {"index"});
     svc_info_add("down", svc_info{"127.0.0.1", up.port});
     EXPECT_TRUE(becomes("down", "state", R"("up")"));
-    EXPECT_EQ(R"("u")", finding("down", "recent"));
-    EXPECT_NE(index, finding("", "index"));
+    EXPECT_EQ(R"( "u")", finding("down", {"recent"}));
+    EXPECT_NE(index, finding("", {"index"}));
     const std::string events = reach_events_reply();
     EXPECT_NE(std::string::npos, events.find(R"("name": "down", "event": "moved", "from": null, "to": null, )"
                                              R"("detail": "127.0.0.1:)" + std::to_string(closed.port) +

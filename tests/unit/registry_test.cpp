@@ -21,11 +21,9 @@
 
 namespace {
 
-// While armed, the file system has no free block (when `full`), write(2)
-// and ftruncate(2) on the registry file are recorded in order ("write" and
-// the size asked, "cut" and the length; the first write's bytes too), and a
-// write takes at most `per_call` bytes; after `calls_left` calls it fails
-// with ENOSPC.
+// While armed, the file system has no free block (when `full`), write(2) and ftruncate(2) on the registry
+// file are recorded in order ("write" and the size asked, "cut" and the length; the first write's bytes too),
+// and a write takes at most `per_call` bytes; after `calls_left` calls it fails with ENOSPC.
 struct write_plan {
     bool armed = false, full = false;
     std::size_t per_call = SIZE_MAX, calls_left = SIZE_MAX;
@@ -45,15 +43,12 @@ std::string registry_text() {
     svc_info_entry_list list;
     svc_info_list(list);
     std::string text;
-    for (const auto& entry : list) {
+    for (const auto& entry : list)
         text += entry->name + "," + entry->ip + "," + std::to_string(entry->port) + "\n";
-    }
     return text;
 }
 
-int add(const std::string& name, const std::string& ip) {
-    return svc_info_add(name, svc_info{ip, 1});
-}
+int add(const std::string& name, const std::string& ip) { return svc_info_add(name, svc_info{ip, 1}); }
 
 bool is_registry_file(int fd) {
     struct stat open_file, named;
@@ -63,9 +58,7 @@ bool is_registry_file(int fd) {
 }  // namespace
 
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
-    if (!plan.armed || !is_registry_file(fd)) {
-        return syscall(SYS_write, fd, data, size);
-    }
+    if (!plan.armed || !is_registry_file(fd)) return syscall(SYS_write, fd, data, size);
     plan.first += plan.first.empty() ? std::string(static_cast<const char*>(data), size) : "";
     plan.calls.push_back("write " + std::to_string(size));
     errno = ENOSPC;
@@ -73,9 +66,7 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
 }
 
 extern "C" int ftruncate(int fd, off_t length) {
-    if (plan.armed && is_registry_file(fd)) {
-        plan.calls.push_back("cut " + std::to_string(length));
-    }
+    if (plan.armed && is_registry_file(fd)) plan.calls.push_back("cut " + std::to_string(length));
     return static_cast<int>(syscall(SYS_ftruncate, fd, length));
 }
 
@@ -133,13 +124,11 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     }
 }
 
-// Old size (the new content, then "o"s), whether the disk is full, bytes
-// taken per write, writes before ENOSPC, the writes and cuts asked for, the
-// bytes of the new content then in the file, and the debug-log records. A
-// longer old content is covered by padding in the one write, then cut
-// (padding a crash leaves loads as nothing; the file is never empty on the
-// way), unless it is far longer (cut first, never padded); a failed write
-// never leaves half a line; no room: old kept.
+// Old size (the new content, then "o"s), whether the disk is full, bytes taken per write, writes before
+// ENOSPC, the writes and cuts asked for, the bytes of the new content then in the file, and the debug-log
+// records. A longer old content is covered by padding in the one write, then cut (padding a crash leaves
+// loads as nothing; the file is never empty on the way), unless it is far longer (cut first, never padded); a
+// failed write never leaves half a line; no room: old kept.
 TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
     const std::string failed = "svc_info_map.cpp:svc_info_write_back(", file = REGISTRY_FILE_PATH;
     const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::string>, std::size_t,
@@ -168,9 +157,8 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
         EXPECT_EQ(content.substr(0, kept), contents_of(REGISTRY_FILE_PATH));
         std::istringstream log(contents_of(DEBUG_LOG_PATH).substr(logged));
         std::vector<std::string> written;
-        for (std::string record; std::getline(log, record);) {
+        for (std::string record; std::getline(log, record);)
             written.push_back(record.substr(record.find(": ") + 2));
-        }
         EXPECT_EQ(records, written);
         write_file(REGISTRY_FILE_PATH, plan.first);
         svc_info_destroy();
@@ -184,18 +172,15 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
 TEST_F(registry_test, NamesAreKeptInByteOrder) {
     const std::string longest(130, '~');
     for (const std::string& name : {std::string("\xe9"), longest, std::string("b"), std::string("abc"),
-                                    std::string("B"), std::string("ab"), std::string("a")}) {
+                                    std::string("B"), std::string("ab"), std::string("a")})
         add(name, "127.0.0.1");
-    }
     const std::string first = "B,127.0.0.1,1\na,127.0.0.1,1\nab,127.0.0.1,1\nabc,127.0.0.1,1\nb,127.0.0.1,1\n";
     EXPECT_EQ(first + longest + ",127.0.0.1,1\n\xe9,127.0.0.1,1\n", registry_text());
-    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n",
-              contents_of(REGISTRY_FILE_PATH));
+    EXPECT_EQ(first + longest.substr(0, 126) + "\n\xe9,127.0.0.1,1\n", contents_of(REGISTRY_FILE_PATH));
 }
 
-// Memory runs out at each allocation of an add in turn: the add fails
-// with the registry and its file as they were, until it completes. A
-// write-back out of memory keeps the old file.
+// Memory runs out at each allocation of an add in turn: the add fails with the registry and its file as they
+// were, until it completes. A write-back out of memory keeps the old file.
 TEST_F(registry_test, OutOfMemoryChangesNothing) {
     add("kept", std::string(40, '1'));
     const std::string before = registry_text();

@@ -1,6 +1,5 @@
-// unit_support.h - what the unit tests share: a file read whole, polling for
-// a condition, and a loopback TCP peer that answers with a given text.
-// Header-only; each test binary is one source file.
+// unit_support.h - what the unit tests share: a file read whole, polling for a condition, and a loopback TCP
+// peer that answers with a given text. Header-only; each test binary is one source file.
 #ifndef MANAGER_SVC_UNIT_SUPPORT_H
 #define MANAGER_SVC_UNIT_SUPPORT_H
 
@@ -24,9 +23,8 @@ inline std::string contents_of(const std::string& path) {
 // Polls every 10 ms, for 30 s at most, until the condition holds; says whether it does.
 template <typename Condition>
 bool poll_until(Condition condition) {
-    for (int polls = 0; polls < 3000 && !condition(); ++polls) {
+    for (int polls = 0; polls < 3000 && !condition(); ++polls)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return condition();
 }
 

@@ -1,11 +1,9 @@
-// web_pages_test.cpp - the monitor's web pages on a home directory of their
-// own: the ".." rule, content types, the validators (ETag lists, HTTP
-// dates) and their 304, the headers of every kind of reply, and that each
-// reply's descriptor is closed with it (what is served and refused over
-// HTTP, HEAD and the lengths are tested in tests/blackbox).
+// web_pages_test.cpp - the monitor's web pages on a home directory of their own: the ".." rule, content
+// types, the validators (ETag lists, HTTP dates) and their 304, the headers of every kind of reply, and that
+// each reply's descriptor is closed with it (what is served and refused over HTTP, HEAD and the lengths are
+// tested in tests/blackbox).
 #include "monitor/web_pages.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <tuple>
 
 namespace {
@@ -27,13 +26,10 @@ protected:
         char pattern[] = "/tmp/web_pages_test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(pattern));
         root = pattern;
-        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) {
-            mkdir((root + dir).c_str(), 0755);
-        }
+        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) mkdir((root + dir).c_str(), 0755);
         for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/p.htm", "/app.js",
-                                 "/app.JS", "/s.css", "/js/x", "/a.b/page"}) {
+                                 "/app.JS", "/s.css", "/js/x", "/a.b/page"})
             std::ofstream(root + "/home" + page) << page;
-        }
         const timespec times[2] = {{MODIFIED, 0}, {MODIFIED, 0}};
         utimensat(AT_FDCWD, (root + "/home/index.html").c_str(), times, 0);
         svcmon_set_home_path((root + "/home/").c_str());
@@ -43,24 +39,16 @@ protected:
     std::string root;
 };
 
-std::shared_ptr<httpserver::http_response> serve(const std::string& path,
-                                                 httpserver::header_map headers = {}) {
+std::shared_ptr<httpserver::http_response> serve(const std::string& path, httpserver::header_map headers = {}) {
     return proc_web_service(httpserver::http_request("GET", WEB_PREFIX + path, {}, headers, ""));
 }
 
-std::size_t open_descriptors() {
-    std::size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
+std::ptrdiff_t open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// A ".." segment is refused even where it leads inside; the type comes
-// from the last dot of the whole path; no reply may be framed.
-TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
+// A ".." segment is refused even where it leads inside; the type comes from the last dot of the whole path; no
+// reply may be framed. The related path is the home path's continuation: without a "/" between them they name
+// a file beside the home directory, which is not served.
+TEST_F(WebPages, ParentSegmentsAreRefusedOnlyASlashJoinsAndTypesComeFromTheLastDot) {
     const char *html = "text/html", *js = "application/javascript";
     const std::tuple<const char*, int, const char*> cases[] = {
         {"/index.html", 200, html}, {"/p.htm", 200, html}, {"/app.js", 200, js},
@@ -68,7 +56,7 @@ TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
         {"/a.b/page", 200, html}, {"/..x", 200, html}, {"/x..", 200, html},
         {"/./i", 200, html}, {"/js//x", 200, html}, {"/js/../i", 404, html},
         {"/js//..//i", 404, html}, {"/js/../../home/i", 404, html}, {"/js", 404, html},
-        {"/missing", 404, html}, {"/", 302, "text/plain"}, {"", 302, "text/plain"},
+        {"/missing", 404, html}, {"/", 302, "text/plain"}, {"", 302, "text/plain"}, {"index.html", 200, html},
     };
     for (const auto& [path, status, type] : cases) {
         const auto reply = serve(path);
@@ -76,10 +64,12 @@ TEST_F(WebPages, ParentSegmentsAreRefusedAndTypesComeFromTheLastDot) {
         EXPECT_EQ(type, reply->get_header("Content-Type")) << path;
         EXPECT_EQ("DENY", reply->get_header("X-Frame-Options")) << path;
         EXPECT_EQ("frame-ancestors 'none'", reply->get_header("Content-Security-Policy"));
-        if (status == 302) {
-            EXPECT_EQ("/managerService/svcmon/web/index.html", reply->get_header("Location"));
-        }
+        EXPECT_EQ(status == 302 ? "/managerService/svcmon/web/index.html" : "", reply->get_header("Location"));
     }
+    std::ofstream(root + "/homeindex.html") << "beside";
+    svcmon_set_home_path((root + "/home").c_str());
+    EXPECT_EQ(200, serve("/index.html")->get_response_code());
+    EXPECT_EQ(404, serve("index.html")->get_response_code());
 }
 
 TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
@@ -87,12 +77,10 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     const std::string tag = page->get_header("ETag");
     struct stat info;
     ASSERT_EQ(0, stat((root + "/home/index.html").c_str(), &info));
-    char expected[96];
-    snprintf(expected, sizeof expected, "\"%llx-%llx-%llx-%llx\"",
-             static_cast<unsigned long long>(info.st_dev),
-             static_cast<unsigned long long>(info.st_ino),
-             static_cast<unsigned long long>(info.st_size), MODIFIED * 1000000000ULL);
-    EXPECT_EQ(expected, tag);
+    std::ostringstream expected;
+    expected << std::hex << '"' << info.st_dev << '-' << info.st_ino << '-' << info.st_size << '-'
+             << MODIFIED * 1000000000ULL << '"';
+    EXPECT_EQ(expected.str(), tag);
     EXPECT_EQ(DATE, page->get_header("Last-Modified"));
     EXPECT_EQ("no-cache", page->get_header("Cache-Control"));
     const std::tuple<std::string, const char*, int> cases[] = {
@@ -111,20 +99,10 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
     }
 }
 
-// The related path is the home path's continuation: without a "/" between
-// them they name a file beside the home directory, which is not served.
-TEST_F(WebPages, OnlyASlashJoinsTheHomePathAndTheRelatedPath) {
-    std::ofstream(root + "/homeindex.html") << "beside";
-    EXPECT_EQ(200, serve("index.html")->get_response_code());
-    svcmon_set_home_path((root + "/home").c_str());
-    EXPECT_EQ(200, serve("/index.html")->get_response_code());
-    EXPECT_EQ(404, serve("index.html")->get_response_code());
-}
-
 // A reply holds its page's descriptor until it is made into a raw response
 // or destroyed; none is left open afterwards.
 TEST_F(WebPages, EachReplyClosesItsDescriptor) {
-    const std::size_t before = open_descriptors();
+    const auto before = open_descriptors();
     {
         auto page = serve("/index.html");
         EXPECT_EQ(before + 1, open_descriptors());
