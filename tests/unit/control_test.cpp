@@ -20,9 +20,10 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
     json_object* reply = json_tokener_parse(control_runs_reply().c_str());
     json_object* item = json_object_array_get_idx(json_object_object_get(reply, "items"), index);
     std::string text;
-    for (const char* name : names)
+    for (const char* name : names) {
         text += " " + std::string(item == nullptr ? "none" : json_object_to_json_string_ext(
                                       json_object_object_get(item, name), JSON_C_TO_STRING_NOSLASHESCAPE));
+    }
     json_object_put(reply);
     return text;
 }
@@ -30,7 +31,9 @@ std::string run(std::size_t index, std::initializer_list<const char*> names) {
 // The log is process-wide and never emptied: this test runs first.
 TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
     EXPECT_EQ(R"({ "return": 0, "index": 0, "items": [ ] })", control_runs_reply());
-    for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) control_run_begin("start", std::to_string(i).c_str());
+    for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
+        control_run_begin("start", std::to_string(i).c_str());
+    }
     control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), "m", SIGKILL,
                        std::string(5000, 'x') + "\xe2\x82\xac\xff");
     EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
@@ -50,7 +53,9 @@ TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
 // run is recorded as ended with no status and why.
 TEST(ServiceControl, ARunThatCannotStartIsRecorded) {
     int lowest_free = 0;
-    while (fcntl(lowest_free, F_GETFD) != -1) ++lowest_free;
+    while (fcntl(lowest_free, F_GETFD) != -1) {
+        ++lowest_free;
+    }
     rlimit saved;
     getrlimit(RLIMIT_NOFILE, &saved);
     const rlimit none_left = {static_cast<rlim_t>(lowest_free), saved.rlim_max};

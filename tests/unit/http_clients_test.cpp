@@ -83,7 +83,9 @@ TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
     };
     for (const auto& [host, answer, result, connected] : cases) {
         loopback_peer peer;
-        if (!answer.empty()) peer.serve(answer);
+        if (!answer.empty()) {
+            peer.serve(answer);
+        }
         std::string response;
         EXPECT_EQ(do_curl_GET_request(host, peer.port, "/x", "q=1", &response), result) << host;
         if (result == HTTP_GET_OK) {

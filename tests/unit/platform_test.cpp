@@ -40,7 +40,9 @@ constexpr char REAL_CLOCK_GETTIME[] = "clock_gettime";
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
     static const auto real = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, REAL_CLOCK_GETTIME));
-    if (clock != CLOCK_REALTIME || fake_realtime == -1) return real(clock, now);
+    if (clock != CLOCK_REALTIME || fake_realtime == -1) {
+        return real(clock, now);
+    }
     *now = {fake_realtime, 0};
     return 0;
 }
@@ -204,7 +206,9 @@ struct gated_job : relay_job {
 };
 
 void job_counts::submit(unsigned count) {
-    while (count-- > 0) relay_pool_submit(std::make_unique<gated_job>(*this));
+    while (count-- > 0) {
+        relay_pool_submit(std::make_unique<gated_job>(*this));
+    }
 }
 
 // Refused at once on the submitting thread: jobs past the queue, every job once the pool has stopped, and a
@@ -298,10 +302,12 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
                                    "[::1", "[127.0.0.1]", "127.1", "127.0.0.1:123456",
                                    "127.0.0.1:80x", "localhost.localdomain", ":80", "",
                                    name + "x", name + ".localx", "x" + name};
-    for (const std::string& host : served)
+    for (const std::string& host : served) {
         EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}), request_verdict::served) << host;
-    for (const std::string& host : refused)
+    }
+    for (const std::string& host : refused) {
         EXPECT_EQ(request_guard_judge({"GET", host.c_str(), nullptr, nullptr}), request_verdict::misdirected) << host;
+    }
     // A state change is refused when the browser says another origin's
     // page asks; reading is not, nor is a client that says nothing.
     const char *host = "127.0.0.1:10182", *self = "http://127.0.0.1:10182";
@@ -316,9 +322,10 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
         {"PUT", nullptr, "same-site", CROSS}, {"POST", self, "cross-site", CROSS},
         {"post", other, nullptr, CROSS},
     };
-    for (const auto& [method, origin, site, verdict] : cases)
+    for (const auto& [method, origin, site, verdict] : cases) {
         EXPECT_EQ(request_guard_judge({method, host, origin, site}), verdict)
             << method << " " << (origin ? origin : "-") << " " << (site ? site : "-");
+    }
     EXPECT_EQ(request_guard_judge({"GET", nullptr, nullptr, nullptr}), OK);
     EXPECT_EQ(request_guard_judge({"POST", nullptr, "http://", nullptr}), CROSS);
 }

@@ -66,11 +66,14 @@ std::string finding(const std::string& name, std::initializer_list<const char*> 
     json_object* found = name.empty() ? reply : nullptr;
     for (std::size_t i = 0; i < json_object_array_length(items); ++i) {
         json_object* item = json_object_array_get_idx(items, i);
-        if (name == json_object_get_string(json_object_object_get(item, "name"))) found = item;
+        if (name == json_object_get_string(json_object_object_get(item, "name"))) {
+            found = item;
+        }
     }
     std::string text = found == nullptr ? " no item" : "";
-    for (const char* member : members)
+    for (const char* member : members) {
         text += std::string(" ") + json_object_to_json_string(json_object_object_get(found, member));
+    }
     json_object_put(reply);
     return text;
 }

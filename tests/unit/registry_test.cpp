@@ -43,8 +43,9 @@ std::string registry_text() {
     svc_info_entry_list list;
     svc_info_list(list);
     std::string text;
-    for (const auto& entry : list)
+    for (const auto& entry : list) {
         text += entry->name + "," + entry->ip + "," + std::to_string(entry->port) + "\n";
+    }
     return text;
 }
 
@@ -58,7 +59,9 @@ bool is_registry_file(int fd) {
 }  // namespace
 
 extern "C" ssize_t write(int fd, const void* data, size_t size) {
-    if (!plan.armed || !is_registry_file(fd)) return syscall(SYS_write, fd, data, size);
+    if (!plan.armed || !is_registry_file(fd)) {
+        return syscall(SYS_write, fd, data, size);
+    }
     plan.first += plan.first.empty() ? std::string(static_cast<const char*>(data), size) : "";
     plan.calls.push_back("write " + std::to_string(size));
     errno = ENOSPC;
@@ -66,7 +69,9 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
 }
 
 extern "C" int ftruncate(int fd, off_t length) {
-    if (plan.armed && is_registry_file(fd)) plan.calls.push_back("cut " + std::to_string(length));
+    if (plan.armed && is_registry_file(fd)) {
+        plan.calls.push_back("cut " + std::to_string(length));
+    }
     return static_cast<int>(syscall(SYS_ftruncate, fd, length));
 }
 
@@ -157,8 +162,9 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
         EXPECT_EQ(content.substr(0, kept), contents_of(REGISTRY_FILE_PATH));
         std::istringstream log(contents_of(DEBUG_LOG_PATH).substr(logged));
         std::vector<std::string> written;
-        for (std::string record; std::getline(log, record);)
+        for (std::string record; std::getline(log, record);) {
             written.push_back(record.substr(record.find(": ") + 2));
+        }
         EXPECT_EQ(records, written);
         write_file(REGISTRY_FILE_PATH, plan.first);
         svc_info_destroy();

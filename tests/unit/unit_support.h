@@ -23,8 +23,9 @@ inline std::string contents_of(const std::string& path) {
 // Polls every 10 ms, for 30 s at most, until the condition holds; says whether it does.
 template <typename Condition>
 bool poll_until(Condition condition) {
-    for (int polls = 0; polls < 3000 && !condition(); ++polls)
+    for (int polls = 0; polls < 3000 && !condition(); ++polls) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     return condition();
 }
 
@@ -36,11 +37,15 @@ struct loopback_peer {
         bind(fd, reinterpret_cast<sockaddr*>(&address), length);
         getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
         port = ntohs(address.sin_port);
-        if (listening) listen(fd, 16);
+        if (listening) {
+            listen(fd, 16);
+        }
     }
     ~loopback_peer() {
         stopping = true;
-        if (server.joinable()) server.join();
+        if (server.joinable()) {
+            server.join();
+        }
         close(fd);
     }
     bool connection_pending() const {
@@ -53,7 +58,9 @@ struct loopback_peer {
         server = std::thread([this, text] {
             while (!stopping) {
                 pollfd listener{fd, POLLIN, 0};
-                if (poll(&listener, 1, 20) != 1) continue;
+                if (poll(&listener, 1, 20) != 1) {
+                    continue;
+                }
                 const int client = accept(fd, nullptr, nullptr);
                 char request[4096];
                 recv(client, request, sizeof request, 0);

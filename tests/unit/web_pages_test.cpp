@@ -26,7 +26,9 @@ protected:
         char pattern[] = "/tmp/web_pages_test.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(pattern));
         root = pattern;
-        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) mkdir((root + dir).c_str(), 0755);
+        for (const char* dir : {"/home", "/home/js", "/home/a.b"}) {
+            mkdir((root + dir).c_str(), 0755);
+        }
         for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/p.htm", "/app.js",
                                  "/app.JS", "/s.css", "/js/x", "/a.b/page"})
             std::ofstream(root + "/home" + page) << page;
