@@ -4,10 +4,9 @@
 // RESOLVE_BENEATH (Linux 5.6), which refuses any path leading out of it
 // however directories and symlinks are swapped meanwhile; non-blocking, so a
 // FIFO cannot hold the thread. An absolute symlink, or a kernel (or seccomp
-// filter) without openat2, takes the slower check: the path opened with
-// O_PATH must, as /proc/self/fd names it, lie inside the home directory. Only
-// a regular file is served, up to its size at open; anything else gets the
-// 404 page.
+// filter) without openat2, takes the slower check: the file opened with
+// O_PATH must, as /proc/self/fd names it, lie inside the home directory.
+// Only a regular file is served, up to its size at open; else the 404 page.
 // ETag (device, inode, size, modification time), Last-Modified and
 // "Cache-Control: no-cache" make a browser ask again each time; a matching
 // If-None-Match (or "*"), or else an If-Modified-Since not older than the
@@ -30,6 +29,8 @@
 #include "endpoints/ssci_response.h"
 
 namespace {
+
+using reply_ptr = std::shared_ptr<httpserver::http_response>;
 
 constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
 char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
@@ -73,24 +74,12 @@ std::string http_date(time_t seconds) {
     return std::string(text, strftime(text, sizeof text, HTTP_DATE_FORMAT, &parts));
 }
 
-// Reads an IMF-fixdate; false for a text that is not one.
-bool parse_http_date(const std::string& text, time_t* seconds) {
-    tm parts{};
-    const char* end = strptime(text.c_str(), HTTP_DATE_FORMAT, &parts);
-    if (end == nullptr || *end != '\0') {
-        return false;
-    }
-    *seconds = timegm(&parts);
-    return *seconds != static_cast<time_t>(-1);
-}
-
 // The type for the text after the last "." of the whole path (a "." in a
 // directory name included), case-sensitive; "text/html" otherwise.
 const char* web_content_type(const std::string& abs_path) {
     const std::size_t dot = abs_path.find_last_of('.');
-    const std::string extension = dot == std::string::npos ? "" : abs_path.substr(dot + 1);
     for (const auto& row : mime_type_table) {
-        if (extension == row[0]) {
+        if (dot != std::string::npos && abs_path.compare(dot + 1, std::string::npos, row[0]) == 0) {
             return row[1];
         }
     }
@@ -115,9 +104,10 @@ bool web_page_unchanged(const httpserver::http_request& request, const std::stri
     if (!tags.empty()) {
         return tags == "*" || tags.find(etag) != std::string::npos;
     }
-    time_t since = 0;
-    return parse_http_date(request.get_header(HEADER_IF_MODIFIED_SINCE), &since) &&
-           since >= modified;
+    const std::string since = request.get_header(HEADER_IF_MODIFIED_SINCE);
+    tm parts{};
+    const char* end = strptime(since.c_str(), HTTP_DATE_FORMAT, &parts);
+    return end != nullptr && *end == '\0' && timegm(&parts) >= modified;  // -1: unrepresentable
 }
 
 std::string fd_link(int fd) {
@@ -189,15 +179,15 @@ int open_page(const std::string& related_path, const std::string& abs_path, stru
     return fd;
 }
 
-std::shared_ptr<httpserver::http_response> redirect_to_start_page(const std::string& str_url) {
+reply_ptr redirect_to_start_page(const std::string& str_url) {
     print_log(WARN, "Proc 302 Found: str_req_path=[%s]\n", str_url.c_str());
-    std::shared_ptr<httpserver::http_response> reply = make_ssci_response(
-        "", HTTP_STATUS_FOUND, httpserver::http::http_utils::text_plain);
+    reply_ptr reply =
+        make_ssci_response("", HTTP_STATUS_FOUND, httpserver::http::http_utils::text_plain);
     reply->with_header(httpserver::http::http_utils::http_header_location, WEB_START_PAGE);
     return reply;
 }
 
-std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str_url) {
+reply_ptr not_found_page(const std::string& str_url) {
     print_log(WARN, "Proc 404 Not Found : str_url=[%s]\n", str_url.c_str());
     return make_ssci_response(NOT_FOUND_BODY, HTTP_STATUS_NOT_FOUND, DEFAULT_CONTENT_TYPE);
 }
@@ -205,11 +195,10 @@ std::shared_ptr<httpserver::http_response> not_found_page(const std::string& str
 // The file itself, or 304 when the client has it already; both with the
 // page's length and validators. The reply owns the descriptor; null (the
 // descriptor closed) when memory runs out before it does.
-std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_request& request,
-                                                      int fd, const struct stat& info,
-                                                      const std::string& abs_path) {
+reply_ptr page_reply(const httpserver::http_request& request, int fd, const struct stat& info,
+                     const std::string& abs_path) {
     std::string etag;
-    std::shared_ptr<httpserver::http_response> reply;
+    reply_ptr reply;
     try {
         etag = entity_tag(info);
         const bool unchanged = web_page_unchanged(request, etag, info.st_mtim.tv_sec);
@@ -228,7 +217,7 @@ std::shared_ptr<httpserver::http_response> page_reply(const httpserver::http_req
 }
 
 // The reply for a path below the web prefix, before the framing headers.
-std::shared_ptr<httpserver::http_response> web_reply(const httpserver::http_request& request) {
+reply_ptr web_reply(const httpserver::http_request& request) {
     const std::string str_url = request.get_path();
     std::string str_related_path =
         str_url.size() > WEB_PREFIX_LENGTH ? str_url.substr(WEB_PREFIX_LENGTH) : "";
@@ -249,15 +238,13 @@ std::shared_ptr<httpserver::http_response> web_reply(const httpserver::http_requ
 }
 
 // The web reply with the headers that forbid framing it.
-const std::shared_ptr<httpserver::http_response> framed_web_reply(
-    const httpserver::http_request& request) {
+const reply_ptr framed_web_reply(const httpserver::http_request& request) {
     print_log(DEBUG, "%s()\n", "proc_web_service");
-    std::shared_ptr<httpserver::http_response> reply = web_reply(request);
-    if (!reply) {
-        return nullptr;
-    }
-    for (const auto& header : FRAMING_HEADERS) {
-        reply->with_header(header[0], header[1]);
+    reply_ptr reply = web_reply(request);
+    if (reply) {
+        for (const auto& header : FRAMING_HEADERS) {
+            reply->with_header(header[0], header[1]);
+        }
     }
     return reply;
 }
@@ -272,7 +259,6 @@ bool web_page_path(const std::string& request_path) {
     return request_path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0;
 }
 
-std::shared_ptr<httpserver::http_response> proc_web_service(
-    const httpserver::http_request& request) noexcept {
+reply_ptr proc_web_service(const httpserver::http_request& request) noexcept {
     return guarded<framed_web_reply>(request);
 }
