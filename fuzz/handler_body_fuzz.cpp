@@ -106,7 +106,7 @@ void run_request(const operation& op, const std::string& rest) {
     const auto reply = op.handle(httpserver::http_request(
         op.method, path, {{"method", args[0]}, {"name", args[1]}}, {},
         op.members.empty() ? rest : json_body(parts, op.members)));
-    if (path.compare(0, WEB_PREFIX_LENGTH, WEB_PREFIX) == 0) {
+    if (web_page_path(path)) {
         const int status = reply->get_response_code();
         fuzz_check(status == 200 || status == 302 || status == 404, "web page status", path);
         return;

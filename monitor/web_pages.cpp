@@ -1,12 +1,14 @@
 // web_pages.cpp - the monitor's web pages (see the header). Owns
 // g_svcmon_home_path, written before the server starts, then only read.
-// Each request opens the home directory, then the page below it with openat2
-// RESOLVE_BENEATH (Linux 5.6), which refuses any path leading out of it
-// however directories and symlinks are swapped meanwhile; non-blocking, so a
-// FIFO cannot hold the thread. An absolute symlink, or a kernel (or seccomp
-// filter) without openat2, takes the slower check: the file opened with
-// O_PATH must, as /proc/self/fd names it, lie inside the home directory.
-// Only a regular file is served, up to its size at open; else the 404 page.
+// A page is opened non-blocking (a FIFO cannot hold the thread) in the
+// first of three ways that applies, each safe however directories and
+// symlinks are swapped meanwhile. A path with no ".." and no symlink cannot
+// leave the home directory: openat2 (Linux 5.6) opens it whole, refusing
+// symlinks. A symlink on it: the home directory is opened, and the page
+// below it with RESOLVE_BENEATH. An absolute symlink, or a kernel (or
+// seccomp filter) without openat2: the file opened with O_PATH must, as
+// /proc/self/fd names it, lie inside the home directory. Only a regular
+// file is served, up to its size at open; else the 404 page.
 // ETag (device, inode, size, modification time), Last-Modified and
 // "Cache-Control: no-cache" make a browser ask again each time; a matching
 // If-None-Match (or "*"), or else an If-Modified-Since not older than the
@@ -35,8 +37,8 @@ using reply_ptr = std::shared_ptr<httpserver::http_response>;
 constexpr std::size_t SVCMON_HOME_PATH_SIZE = 128;
 char g_svcmon_home_path[SVCMON_HOME_PATH_SIZE];
 
+constexpr std::size_t WEB_PREFIX_LENGTH = sizeof WEB_PREFIX - 1;
 constexpr const char WEB_START_PAGE[] = "/managerService/svcmon/web/index.html";
-// Extension (after the last ".") to content type, searched in order.
 constexpr const char* const mime_type_table[3][2] = {
     {"html", "text/html"}, {"htm", "text/html"}, {"js", "application/javascript"}};
 constexpr const char DEFAULT_CONTENT_TYPE[] = "text/html";
@@ -45,6 +47,7 @@ constexpr int HTTP_STATUS_NOT_MODIFIED = 304;
 constexpr int HTTP_STATUS_NOT_FOUND = 404;
 constexpr const char NOT_FOUND_BODY[] = "404 Not Found";
 constexpr const char PARENT_SEGMENT[] = "/../";
+constexpr int PAGE_OPEN_FLAGS = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
 constexpr const char HEADER_ETAG[] = "ETag";
 constexpr const char HEADER_LAST_MODIFIED[] = "Last-Modified";
 constexpr const char HEADER_CACHE_CONTROL[] = "Cache-Control";
@@ -64,8 +67,7 @@ std::string entity_tag(const struct stat& info) {
     return tag;
 }
 
-// IMF-fixdate: "Sun, 06 Nov 1994 08:49:37 GMT" (the C locale's names; the
-// daemon never changes its locale).
+// IMF-fixdate, "Sun, 06 Nov 1994 08:49:37 GMT" (the daemon keeps the C locale).
 constexpr const char HTTP_DATE_FORMAT[] = "%a, %d %b %Y %H:%M:%S GMT";
 std::string http_date(time_t seconds) {
     tm parts{};
@@ -94,10 +96,9 @@ bool web_related_path_allowed(const std::string& related_path) {
            (related_path[0] == '/' || (!home.empty() && home.back() == '/'));
 }
 
-// True when the request's If-None-Match (or, without it, its
-// If-Modified-Since) says that the client holds this version already. A
-// tag holds no comma or space, so a list of tags names it when it occurs in
-// the list at all; "*" names every tag.
+// True when the request's If-None-Match (or, without it, If-Modified-Since)
+// says that the client holds this version already. A tag holds no comma or
+// space, so a list names it when the tag occurs in it; "*" names every tag.
 bool web_page_unchanged(const httpserver::http_request& request, const std::string& etag,
                         time_t modified) {
     const std::string tags = request.get_header(HEADER_IF_NONE_MATCH);
@@ -131,47 +132,51 @@ bool opened_inside(int fd, int home) {
            target.compare(0, below.size(), below) == 0;
 }
 
-// Opens related_path below home for reading without ever leaving home; -1
-// with errno EXDEV when the path would (an absolute symlink included).
-int open_beneath(int home, const std::string& related_path) {
+// Opens path (relative to dir) for reading, resolved as `resolve` allows.
+int open_resolved(int dir, const std::string& path, std::uint64_t resolve) {
     open_how how{};
-    how.flags = O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    const std::string name = "./" + related_path;
-    return static_cast<int>(syscall(SYS_openat2, home, name.c_str(), &how, sizeof how));
+    how.flags = PAGE_OPEN_FLAGS;
+    how.resolve = resolve | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof how));
 }
 
-// Opens abs_path (symlinks followed) without reading it and checks the
-// file actually opened, a regular file inside home, before it opens that
-// same file (not the same name) for reading; -1 otherwise.
+// Opens abs_path (symlinks followed) without reading it and checks that
+// the file actually opened lies inside home before it opens that same file
+// (not the same name) for reading; -1 otherwise.
 int open_checked_file(int home, const std::string& abs_path) {
-    const int path_fd = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
-    if (path_fd < 0) {
+    const int found = open(abs_path.c_str(), O_PATH | O_CLOEXEC);
+    if (found < 0) {
         return -1;
     }
-    struct stat info;
-    const int fd =
-        fstat(path_fd, &info) == 0 && S_ISREG(info.st_mode) && opened_inside(path_fd, home)
-            ? open(fd_link(path_fd).c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)
-            : -1;
-    close(path_fd);
+    const int fd = opened_inside(found, home) ? open(fd_link(found).c_str(), PAGE_OPEN_FLAGS) : -1;
+    close(found);
+    return fd;
+}
+
+// For a path with a symlink (see the top of this file).
+int open_through_home(const std::string& related_path, const std::string& abs_path) {
+    const int home = open(g_svcmon_home_path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (home < 0) {
+        return -1;
+    }
+    int fd = open_resolved(home, "./" + related_path, RESOLVE_BENEATH);
+    if (fd < 0 && (errno == EXDEV || errno == ENOSYS || errno == EPERM)) {
+        fd = open_checked_file(home, abs_path);
+    }
+    close(home);
     return fd;
 }
 
 // The page file for this request, a regular file inside the home
 // directory, or -1; *info is its fstat.
 int open_page(const std::string& related_path, const std::string& abs_path, struct stat* info) {
-    const int home = web_related_path_allowed(related_path)
-                         ? open(g_svcmon_home_path, O_PATH | O_DIRECTORY | O_CLOEXEC)
-                         : -1;
-    if (home < 0) {
+    if (!web_related_path_allowed(related_path)) {
         return -1;
     }
-    int fd = open_beneath(home, related_path);
-    if (fd < 0 && (errno == EXDEV || errno == ENOSYS || errno == EPERM)) {
-        fd = open_checked_file(home, abs_path);
+    int fd = open_resolved(AT_FDCWD, abs_path, RESOLVE_NO_SYMLINKS);
+    if (fd < 0 && (errno == ELOOP || errno == ENOSYS || errno == EPERM)) {
+        fd = open_through_home(related_path, abs_path);
     }
-    close(home);
     if (fd >= 0 && (fstat(fd, info) != 0 || !S_ISREG(info->st_mode))) {
         close(fd);
         fd = -1;

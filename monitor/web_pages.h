@@ -6,7 +6,6 @@
 #ifndef MANAGER_SVC_WEB_PAGES_H
 #define MANAGER_SVC_WEB_PAGES_H
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -14,7 +13,6 @@
 
 // The request paths that the web pages own (a plain 26-character prefix).
 constexpr const char WEB_PREFIX[] = "/managerService/svcmon/web";
-constexpr std::size_t WEB_PREFIX_LENGTH = sizeof WEB_PREFIX - 1;
 
 // Keeps the monitor's copy of the web-page root (cut to 127 characters).
 void svcmon_set_home_path(const char* path);
