@@ -34,9 +34,10 @@ TEST(ControlRuns, OnlyTheLast32KeptWithTextsCutToTheirBuffers) {
     for (int i = 0; i <= CONTROL_RUNS_KEPT; ++i) {
         control_run_begin("start", std::to_string(i).c_str());
     }
+    // The kept tail of the output starts inside the first euro sign.
     control_run_exited(control_run_begin(std::string(40, 'm').c_str(), std::string(300, 'c').c_str()), "m", SIGKILL,
-                       std::string(5000, 'x') + "\xe2\x82\xac\xff");
-    EXPECT_EQ(" \"" + std::string(4092, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
+                       std::string(1000, 'x') + "\xe2\x82\xac" + std::string(4090, 'x') + "\xe2\x82\xac\xff");
+    EXPECT_EQ(" \"??" + std::string(4090, 'x') + "\u20ac?\" null", run(0, {"output", "error"}));
     EXPECT_EQ(" \"" + std::string(31, 'm') + "\" \"" + std::string(255, 'c') + "\" null 9",
               run(0, {"method", "command", "exit_status", "signal"}));
     EXPECT_EQ(R"( "2")", run(CONTROL_RUNS_KEPT - 1, {"command"}));
