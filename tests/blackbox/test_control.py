@@ -48,7 +48,12 @@ def test_methods_runs_and_stop_while_a_script_runs(sandbox):
     assert wait_for(lambda: len(shells(daemon.pid)) == 1 and sandbox.exists(CALLS)
                     and len(sandbox.read(CALLS).splitlines()) == 3)
     os.kill(shells(daemon.pid)[0], signal.SIGKILL)
+    assert wait_for(lambda: outcomes(daemon)[0][2] == 9)
+    index = svcmon(daemon, "get_control_runs")["index"]
     assert post(daemon, '{"method": "restart"}') == OK
+    # A run's start wakes a waiting poll; the script goes on for 10 s.
+    woken = svcmon(daemon, f"get_control_runs&index={index}&wait=5")
+    assert woken["index"] > index and woken["items"][0]["ended"] is None
     assert wait_for(lambda: outcomes(daemon) == [
         ("services.sh restart", None, None, True), ("services.sh stop", None, 9, False),
         ("fdr_services.sh restart", 0, None, False), ("services.sh start", 3, None, False)])
