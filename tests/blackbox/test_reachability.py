@@ -3,6 +3,7 @@ refused ports "down", answering ones "up" with their status, and one outside loo
 "network unreachable" (the tests run where only loopback is up: nothing is sent to it);
 latency belongs to the service, not to the names' order; outages and moves are kept as
 events; a check ends with an orderly close; the prober adds nothing to the console."""
+import socket
 import statistics
 import time
 
@@ -97,3 +98,27 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept(sandbox):
             detail = [e["detail"] for e in events(daemon) if e["event"] == "moved"][0]
             assert detail == f"127.0.0.1:{back.port} -> 127.0.0.1:{moved.port}"
         assert events(daemon)[-1]["event"] == "started"
+
+
+def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
+    """65 services (one more than are checked at once) that accept and never answer
+    make each full round two check timeouts long; while they refused, rounds were short."""
+    listeners = [socket.socket() for _ in range(65)]
+    try:
+        for listener in listeners:
+            listener.bind(("127.0.0.1", 0))  # bound, not listening: refused
+        daemon = sandbox.start("-m", "1")
+        for i, listener in enumerate(listeners):
+            assert register(daemon, f"s{i:02d}", listener.getsockname()[1]) == OK
+        assert wait_for(lambda: {i["state"] for i in reachability_items(daemon).values()}
+                        == {"down"})
+        for listener in listeners:
+            listener.listen(8)
+        record = "prober round of 65 services took"
+        assert wait_for(lambda: record in sandbox.debug_log(), 10)
+        checks = reachability_items(daemon)["s00"]["checks"]
+        assert wait_for(lambda: reachability_items(daemon)["s00"]["checks"] >= checks + 2, 10)
+        assert sandbox.debug_log().count(record) == 1
+    finally:
+        for listener in listeners:
+            listener.close()
