@@ -17,11 +17,11 @@ WEB_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "
 HOME = "/home/httpd/manager_svc"
 PAGE = SVCMON + "/web/index.html"
 GO = "/tmp/go"
-# Says what it does, then waits until the test lets it end.
+# Says what it does, then waits until the test lets it end (at most a minute).
 SCRIPT = f"""#!/bin/sh
 echo "$0 $* begins"
 echo "stopping the services"
-while [ ! -e {GO} ]; do sleep 0.05; done
+i=0; while [ ! -e {GO} ] && [ $i != 1200 ]; do sleep 0.05; i=$((i+1)); done
 echo "$0 $* done"
 """
 # The services shown, as [name, state] pairs in page order.
