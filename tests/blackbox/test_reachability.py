@@ -38,6 +38,7 @@ def test_three_states_and_their_reply(sandbox):
         for name, port, *ip in [("answering", answering.port), ("hung", hung.port),
                                 ("refused", free_port()), ("stopped", stopping.port),
                                 ("partial", partial.port), ("local", answering.port, "localhost"),
+                                ("lowest", 1),
                                 ("outside", 80, "192.0.2.1")]:  # a documentation address
             assert register(daemon, name, port, *ip) == OK
         console = console_without_requests(daemon)
@@ -53,8 +54,8 @@ def test_three_states_and_their_reply(sandbox):
                 for n in ("answering", "local", "partial", "hung", "refused")] == [
             ("up", True, 503), ("up", True, 503), ("up", True, 404), ("no answer", False, None),
             ("down", False, None)]
-        assert [found[n]["error"] for n in ("answering", "refused", "outside")] == [
-            "", "connection refused", "network unreachable"]
+        assert [found[n]["error"] for n in ("answering", "refused", "lowest", "outside")] == [
+            "", "connection refused", "connection refused", "network unreachable"]
         assert found["refused"]["failures"] >= 1 and found["answering"]["failures"] == 0
         assert found["answering"]["latency_ms"] > 0 and found["hung"]["latency_ms"] is None
         assert answering.checks[-1] == "OPTIONS * HTTP/1.0" and answering.requests == []
