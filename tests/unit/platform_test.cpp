@@ -177,10 +177,8 @@ TEST_F(Platform, UtilsTellAddressesAndTouchFiles) {
 TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
     const std::string a(27, 'a'), e = "\xc3\xa9", euro = "\xe2\x82\xac", smile = "\xf0\x9f\x98\x80";
     const std::pair<std::string, std::string> cases[] = {
-        {std::string(40, 'x'), std::string(31, 'x')}, {a + "bbbb", a + "bbbb"},
-        {a + "bbb" + e, a + "bbb"}, {a + "bb" + e, a + "bb" + e},
-        {a + "bb" + euro, a + "bb"}, {a + "b" + euro, a + "b" + euro},
-        {a + smile + "x", a + smile}, {a + "b" + smile, a + "b"},
+        {std::string(40, 'x'), std::string(31, 'x')}, {a + "bbbb", a + "bbbb"}, {a + "bbb" + e, a + "bbb"},
+        {a + "bb" + euro, a + "bb"}, {a + smile + "x", a + smile}, {a + "b" + smile, a + "b"},
     };
     for (const auto& [value, expected] : cases) {
         json_object* object = json_object_new_object();
@@ -202,7 +200,6 @@ struct job_counts {
     std::shared_future<void> open = gate.get_future().share();
     std::atomic<unsigned> running{0}, finished{0}, refused_here{0};
     const std::thread::id submitter = std::this_thread::get_id();
-    void submit();
 };
 
 struct gated_job : relay_job {
@@ -216,8 +213,6 @@ struct gated_job : relay_job {
     job_counts& counts;
 };
 
-void job_counts::submit() { relay_pool_submit(std::make_unique<gated_job>(*this)); }
-
 // Refused at once on the submitting thread: a job that no worker can run (which leaves nothing in the queue)
 // and every job once the pool has stopped; while a worker is busy and no thread can be made, the next job
 // waits for that worker instead. Idle workers end. (Its bounds: tests/blackbox/test_relay_concurrency.py.)
@@ -225,20 +220,20 @@ TEST_F(Platform, RelayPoolRefusesOnlyWhatNoWorkerCanRun) {
     job_counts jobs;
     relay_pool_start();
     threads_refused = true;
-    jobs.submit();
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
     EXPECT_EQ(jobs.refused_here, 1u);
     threads_refused = false;
-    jobs.submit();
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
     poll_until([&] { return jobs.running == 1; });
     threads_refused = true;
-    jobs.submit();
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
     threads_refused = false;
     EXPECT_EQ(jobs.refused_here, 1u);
     jobs.gate.set_value();
     EXPECT_TRUE(poll_until([&] { return jobs.finished == 2; }));
     EXPECT_TRUE(poll_until([] { return relay_pool_worker_count() == 0; }));
     relay_pool_stop();
-    jobs.submit();
+    relay_pool_submit(std::make_unique<gated_job>(jobs));
     EXPECT_EQ(jobs.refused_here, 2u);
 }
 

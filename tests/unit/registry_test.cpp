@@ -34,10 +34,6 @@ struct write_plan {
 // The allocation that fails with std::bad_alloc after this many; -1: none.
 std::atomic<long> allocations_left{-1};
 
-void write_file(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
 // The registry as "name,ip,port\n" lines, as its file holds it.
 std::string registry_text() {
     svc_info_entry_list list;
@@ -97,7 +93,6 @@ namespace {
 
 struct registry_test : testing::Test {
     void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
     static void reset() {
         verbose_level = 0;
         plan = write_plan();
@@ -120,7 +115,7 @@ TEST_F(registry_test, LoadingKeepsTheWellFormedLinesOnly) {
     };
     for (const auto& [fixture, loaded] : cases) {
         reset();
-        write_file(REGISTRY_FILE_PATH, contents_of(FIXTURE_DIR "/registry/" + std::string(fixture)));
+        std::ofstream(REGISTRY_FILE_PATH) << contents_of(FIXTURE_DIR "/registry/" + std::string(fixture));
         svc_info_init();
         EXPECT_EQ(loaded, registry_text()) << fixture;
         std::remove(REGISTRY_FILE_PATH);
@@ -153,7 +148,7 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
             add("s" + std::to_string(1000 + index), std::string(92, '1'));  // 101-byte lines
         }
         const std::string content = registry_text();
-        write_file(REGISTRY_FILE_PATH, (content + std::string(old_size, 'o')).substr(0, old_size));
+        std::ofstream(REGISTRY_FILE_PATH) << (content + std::string(old_size, 'o')).substr(0, old_size);
         const std::size_t logged = contents_of(DEBUG_LOG_PATH).size();
         plan = write_plan{true, full, per_call, calls_left, {}, {}};
         svc_info_write_back();
@@ -166,7 +161,7 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
             written.push_back(record.substr(record.find(": ") + 2));
         }
         EXPECT_EQ(records, written);
-        write_file(REGISTRY_FILE_PATH, plan.first);
+        std::ofstream(REGISTRY_FILE_PATH) << plan.first;
         svc_info_destroy();
         svc_info_init();
         EXPECT_EQ(full ? "" : content, registry_text());
@@ -201,7 +196,7 @@ TEST_F(registry_test, OutOfMemoryChangesNothing) {
         allocations_left.store(-1);
     }
     EXPECT_EQ(before + std::string(40, 'n') + ",127.0.0.1,1\n", registry_text());
-    write_file(REGISTRY_FILE_PATH, "old\n");
+    std::ofstream(REGISTRY_FILE_PATH) << "old\n";
     allocations_left.store(0);
     svc_info_write_back();
     allocations_left.store(-1);
