@@ -8,6 +8,7 @@ import re
 import signal
 import socket
 import stat
+import subprocess
 import time
 
 import pytest
@@ -92,29 +93,17 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
 
 
 
-def processes_running(argv):
-    """The pids whose command line is exactly argv."""
-    wanted, found = [str(arg).encode() for arg in argv], []
-    for entry in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{entry}/cmdline", "rb") as src:
-                found += [int(entry)] if src.read().split(b"\0")[:-1] == wanted else []
-        except OSError:
-            pass
-    return found
-
-
 def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
     """The command ends at once with status 0, its banner saying so; the
     daemon it leaves behind serves and stops on SIGTERM, registry written."""
     port = free_port()
     result = sandbox.run(["-d", "-p", port])
-    assert result.returncode == 0
-    assert b"is_daemon     : [true]\n" in result.stderr
+    assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
     assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
-    [pid] = processes_running([BIN, "-d", "-p", port])
+    detached = ["pgrep", "-x", "-f", f"{BIN} -d -p {port}"]
+    [pid] = subprocess.run(detached, capture_output=True).stdout.split()
     body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
     assert http_request(port, "POST", SVCMGR, body).body == OK
-    os.kill(pid, signal.SIGTERM)
-    assert wait_for(lambda: not processes_running([BIN, "-d", "-p", port]))
+    os.kill(int(pid), signal.SIGTERM)
+    assert wait_for(lambda: subprocess.run(detached, capture_output=True).returncode == 1)
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
