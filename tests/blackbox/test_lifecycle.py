@@ -95,7 +95,9 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
 
 def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
     """The command ends at once with status 0, its banner saying so; the
-    daemon it leaves behind serves and stops on SIGTERM, registry written."""
+    daemon it leaves behind serves and stops on SIGTERM, writing back the
+    registry it loaded at start-up."""
+    sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
     result = sandbox.run(["-d", "-p", port])
     assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
@@ -106,4 +108,4 @@ def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
     assert http_request(port, "POST", SVCMGR, body).body == OK
     os.kill(int(pid), signal.SIGTERM)
     assert wait_for(lambda: subprocess.run(detached, capture_output=True).returncode == 1)
-    assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
+    assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"

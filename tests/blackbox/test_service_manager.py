@@ -1,6 +1,6 @@
 """The service-manager resource: each result code of register, get_info and unregister,
 the server's own refusals, its console lines, and the registry file after each change and
-at stop (loading it at start-up: test_faults.py and the unit tests)."""
+at stop (loading it at start-up: test_lifecycle.py and the unit tests)."""
 import re
 
 import pytest
