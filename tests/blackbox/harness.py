@@ -64,7 +64,6 @@ def port_answers(port):
 
 
 def connect(port, request=b""):
-    """A raw client connection that has sent request."""
     sock = socket.create_connection(("127.0.0.1", port))
     sock.sendall(request)
     return sock
