@@ -64,7 +64,6 @@ def port_answers(port):
 
 
 def connect(port, request=b""):
-    """A raw client connection that has sent request."""
     sock = socket.create_connection(("127.0.0.1", port))
     sock.sendall(request)
     return sock
@@ -140,14 +139,15 @@ class Sandbox:
         return self.daemons[-1].wait_ready()
 
     def cleanup(self):
-        """Stops the daemons still running: each must end with status 0, unless killed."""
+        """Stops the daemons still running: each must end with status 0."""
         failed = []
         for daemon in self.daemons:
             try:
-                if daemon.stop() != 0 and not daemon.killed:
+                if daemon.stop() != 0:
                     failed.append(daemon.stderr_text()[-4000:])
             finally:
-                daemon.kill()
+                daemon.proc.kill()
+                daemon.proc.wait()
         shutil.rmtree(self.root, ignore_errors=True)
         assert not failed, failed
 
@@ -156,7 +156,7 @@ class Daemon:
     """One run of the daemon in a sandbox; its console output in a file."""
 
     def __init__(self, sandbox, args, port, nofile):
-        self.sandbox, self.port, self.killed = sandbox, port or DEFAULT_PORT, False
+        self.sandbox, self.port = sandbox, port or DEFAULT_PORT
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
         with open(self.stderr_path, "wb") as out:
             self.proc = subprocess.Popen(
@@ -186,11 +186,6 @@ class Daemon:
         """Sends sig (unless it has ended); returns the exit status."""
         self.proc.send_signal(sig)
         return self.proc.wait(deadline(timeout))
-
-    def kill(self):
-        self.killed = True
-        self.proc.kill()
-        self.proc.wait()
 
 
 def device_path_of(daemon, device_path):

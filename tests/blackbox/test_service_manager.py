@@ -1,6 +1,9 @@
 """The service-manager resource: each result code of register, get_info and unregister,
 the server's own refusals, its console lines, and the registry file after each change and
-at stop (loading it at start-up: test_faults.py and the unit tests)."""
+at stop, and left alone when a symbolic link or a FIFO is planted at its path (loading it
+at start-up: test_lifecycle.py; a full disk, and a crash at every step of a rewrite: the
+unit tests)."""
+import os
 import re
 
 import pytest
@@ -86,3 +89,17 @@ def test_stop_writes_the_registry_back_and_releases_each_record(daemon):
             f"{here}write_back(116) svcA,127.0.0.1,81\n{here}destroy(45)\n"
             + f"{here}destroy(52) delete(0x@)\n" * 3 + "manager_svc exit(EXIT_SUCCESS).\n")
     assert re.search(re.escape(tail).replace("@", "[0-9a-f]+") + r"\Z", daemon.stderr_text())
+
+
+@pytest.mark.parametrize("plant, error", [(lambda path: os.symlink("/tmp/target", path), 40),
+                                          (lambda path: os.mkfifo(path), 6)])
+def test_symlink_or_fifo_at_the_registry_path_is_left_alone(sandbox, plant, error):
+    os.makedirs(sandbox.path("/tmp"))
+    plant(sandbox.path(REGISTRY_FILE))
+    daemon = sandbox.start("-v", "1")
+    assert f"{REGISTRY_FILE} does not exist." in daemon.stderr_text()
+    assert register(daemon, "svcA") == OK
+    assert daemon.stop() == 0
+    assert not sandbox.exists("/tmp/target") and os.path.lexists(sandbox.path(REGISTRY_FILE))
+    assert f"fopen({REGISTRY_FILE}) error({error})." in sandbox.debug_log()
+
