@@ -89,6 +89,9 @@ TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
         }
         EXPECT_EQ(peer.connection_pending(), connected) << host;
     }
+    std::string full(HTTP_GET_MAX_REPLY, 'b');  // one more byte past the bound fails too
+    EXPECT_EQ(curl_write_to_string(full.data(), 1, 1, &full), 0u);
+    EXPECT_EQ(full.size(), HTTP_GET_MAX_REPLY);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // prober_test.cpp - reachability: the HTTP-level checks against loopback peers (every outcome, each result
-// handed over once, the stop descriptor), the prober's reply before its first check, failures in a row, and a
+// handed over once, the stop descriptor), the prober's reply before its first check, its counts, and a
 // move starting afresh. Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
 
@@ -47,9 +47,9 @@ TEST(ProbeTargets, EveryOutcomeOfAnHttpCheckHandedOverOnce) {
     close(wake[0]), close(wake[1]);
 }
 
-// Before the prober ever started: period 0 and no finding. Failures in a
-// row are counted; a move starts the findings afresh.
-TEST(Prober, ReplyBeforeTheFirstCheckFailuresInARowAndAMove) {
+// Before the prober ever started: period 0 and no finding. Checks by state
+// and failures in a row are counted; a move starts the findings afresh.
+TEST(Prober, ReplyBeforeTheFirstCheckCountsAndAMove) {
     svc_info_add("a", svc_info{"127.0.0.1", 1});
     EXPECT_EQ(R"({ "return": 0, "index": 0, "version": "1.0.0", "started": null, "period": 0, "items": [ )"
               R"({ "name": "a", "ip": "127.0.0.1", "port": 1, "reachable": null, "state": null, "http_status": null, )"
@@ -59,13 +59,13 @@ TEST(Prober, ReplyBeforeTheFirstCheckFailuresInARowAndAMove) {
     up.serve("HTTP/1.0 200 OK\r\n\r\n");
     svc_info_add("a", svc_info{"127.0.0.1", closed.port});
     ASSERT_TRUE(prober_start(1));
-    const auto recent_is = [](const char* letters) {
-        return poll_until([&] { return prober_findings().at(0).recent == letters; });
+    const auto reply_has = [](const std::string& members) {
+        return poll_until([&] { return prober_reachability_reply().find(members) != std::string::npos; });
     };
-    EXPECT_TRUE(recent_is("dd"));
-    EXPECT_EQ(2, prober_findings().at(0).failures);
+    EXPECT_TRUE(reply_has(R"("failures": 2, "error": "connection refused", "checks": 2, "up_checks": 0, )"
+                          R"("recent": "dd" })"));
     svc_info_add("a", svc_info{"127.0.0.1", up.port});
-    EXPECT_TRUE(recent_is("u"));
+    EXPECT_TRUE(reply_has(R"("failures": 0, "error": "", "checks": 1, "up_checks": 1, "recent": "u" })"));
     prober_stop();
     svc_info_delete("a");
 }

@@ -31,14 +31,14 @@ protected:
         for (const char* dir : {"/home", "/home/js", "/home/a.b"}) {
             mkdir((root + dir).c_str(), 0755);
         }
-        for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/app.JS", "/s.css", "/js/x", "/a.b/page"})
+        for (const char* page : {"/index.html", "/..x", "/x..", "/i", "/p.htm", "/app.JS", "/s.css", "/js/x",
+                                 "/a.b/page"})
             std::ofstream(root + "/home" + page) << page;
         const timespec times[2] = {{MODIFIED, 0}, {MODIFIED, 0}};
         utimensat(AT_FDCWD, (root + "/home/index.html").c_str(), times, 0);
         svcmon_set_home_path((root + "/home/").c_str());
         descriptors = open_descriptors();
     }
-    // Every reply closes its page's descriptor when it is destroyed.
     void TearDown() override {
         EXPECT_EQ(descriptors, open_descriptors());
         std::filesystem::remove_all(root);
@@ -57,7 +57,7 @@ std::shared_ptr<httpserver::http_response> serve(const std::string& path, httpse
 // a file beside the home directory, which is not served.
 TEST_F(WebPages, ParentSegmentsAreRefusedOnlyASlashJoinsAndTypesComeFromTheLastDot) {
     const std::pair<const char*, int> cases[] = {
-        {"/app.JS", 200}, {"/s.css", 200}, {"/i", 200}, {"/a.b/page", 200}, {"/..x", 200},
+        {"/p.htm", 200}, {"/app.JS", 200}, {"/s.css", 200}, {"/i", 200}, {"/a.b/page", 200}, {"/..x", 200},
         {"/x..", 200}, {"/./i", 200}, {"/js//x", 200}, {"index.html", 200}, {"/js//..//i", 404},
         {"/js/../../home/i", 404}, {"/js", 404}, {"/", 302}, {"", 302},
     };
