@@ -1,9 +1,9 @@
 // handler_body_fuzz.cpp - fuzz target for the request handlers: requests
 // separated by '\x1e'; the first byte picks the operation, the rest is the
 // body, its fields (separated by '\x1f') the arguments "method" and "name"
-// (after the path, for an operation without one). Checked: a JSON reply is
-// 200 "application/json" with an integer "return" among the handlers'
-// codes; a web path gets 200, 302 or 404.
+// (after the path, for an operation without one). Checked, besides what
+// the sanitizers catch: every request gets a reply, and every
+// service-control worker ends.
 #include <json-c/json.h>
 
 #include <algorithm>
@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "control/services_handler.h"
-#include "endpoints/ssci_response.h"
 #include "fuzz/fuzz_support.h"
 #include "monitor/svcmon_handler.h"
 #include "registry/svc_info_map.h"
@@ -24,9 +23,6 @@
 namespace {
 
 using fields = std::vector<std::string>;
-const std::vector<int> RESULTS = {SVC_INFO_OK,     SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
-                                  SVC_INFO_EMPTY_NAME, SVCMON_BAD_PATH,    SVCMON_HISTORY_FAILED,
-                                  SVCMON_NO_NAME};
 constexpr const char SVCMGR_PATH[] = "/managerService/svcmgr";
 constexpr const char SVCMON_PATH[] = "/managerService/svcmon";
 constexpr const char SERVICES_PATH[] = "/managerService/services";
@@ -74,44 +70,20 @@ std::string json_body(const fields& parts, const std::vector<const char*>& names
     return text;
 }
 
-// Checks a JSON reply (a string response) with one of the handlers' codes
-// as its "return".
-void check_json_reply(const httpserver::http_response& reply) {
-    auto text = dynamic_cast<const httpserver::string_response*>(&reply);
-    fuzz_check(text != nullptr, "reply is not a string response");
-    const std::string body = text->get_content();
-    json_object* parsed = json_tokener_parse(body.c_str());
-    json_object* result = nullptr;
-    const bool has_int = json_object_object_get_ex(parsed, RETURN_MEMBER, &result) &&
-                         json_object_is_type(result, json_type_int);
-    const int value = json_object_get_int(result);
-    json_object_put(parsed);
-    fuzz_check(has_int && std::count(RESULTS.begin(), RESULTS.end(), value) == 1 &&
-                   reply.get_response_code() == HTTP_STATUS_OK &&
-                   reply.get_header("Content-Type") == JSON_CONTENT_TYPE, "JSON reply", body);
-}
-
 std::ptrdiff_t thread_count() {
-    std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
 void run_request(const operation& op, const std::string& rest) {
-    const fields parts = split(rest, '\x1f');
-    const std::size_t first = op.path == nullptr ? 1 : 0;
+    fields parts = split(rest, '\x1f');
     const std::string path = op.path == nullptr ? parts[0] : op.path;
+    const std::string body = op.members.empty() ? rest : json_body(parts, op.members);
+    parts.erase(parts.begin(), parts.begin() + (op.path == nullptr ? 1 : 0));
+    parts.resize(std::max<std::size_t>(parts.size(), 2));
     const std::ptrdiff_t threads = op.handle == proc_services_post ? thread_count() : 0;
-    const fields args = {first < parts.size() ? parts[first] : "",
-                         first + 1 < parts.size() ? parts[first + 1] : ""};
     const auto reply = op.handle(httpserver::http_request(
-        op.method, path, {{"method", args[0]}, {"name", args[1]}}, {},
-        op.members.empty() ? rest : json_body(parts, op.members)));
-    if (web_page_path(path)) {
-        const int status = reply->get_response_code();
-        fuzz_check(status == 200 || status == 302 || status == 404, "web page status", path);
-        return;
-    }
-    check_json_reply(*reply);
+        op.method, path, {{"method", parts[0]}, {"name", parts[1]}}, {}, body));
+    fuzz_check(reply != nullptr, "no reply");
     // A service-control worker only runs a missing init script (sandbox).
     for (int polls = 0; threads > 0 && thread_count() > threads; ++polls) {
         fuzz_check(polls < 10000, "a service-control worker did not end");
@@ -120,8 +92,6 @@ void run_request(const operation& op, const std::string& rest) {
 }
 
 }  // namespace
-
-void fuzz_set_up() {}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     svc_info_destroy();

@@ -11,8 +11,6 @@
 
 namespace {
 
-const std::string OK_HEAD = "HTTP/1.0 200 OK\r\n\r\n";
-
 TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     const std::string query = "?k%2F%20=aZ09-._~%26%3D%C3%A9";
     const std::tuple<const char*, int, const char*, std::string> cases[] = {
@@ -61,8 +59,6 @@ TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
 
 TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
     char url[HTTP_GET_URL_SIZE];
-    ASSERT_EQ(build_get_url("127.0.0.7", 7, "/name/svcmon", "a=1", url), HTTP_GET_OK);
-    EXPECT_STREQ(url, "127.0.0.7:7/name/svcmon?a=1");
     for (const auto& [path, expected] : {std::pair{"/", "h:7//"}, {"//x", "h:7//x"}, {"x", "h:7/x"}}) {
         ASSERT_EQ(build_get_url("h", 7, path, nullptr, url), HTTP_GET_OK);
         EXPECT_STREQ(url, expected);
@@ -75,7 +71,7 @@ TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
 // Another scheme in a registered address never makes the client speak it;
 // a silent peer costs at most the time bound; a reply past its bound fails.
 TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
-    const std::string limit = OK_HEAD + std::string(HTTP_GET_MAX_REPLY, 'b');
+    const std::string limit = "HTTP/1.0 200 OK\r\n\r\n" + std::string(HTTP_GET_MAX_REPLY, 'b');
     const std::tuple<const char*, std::string, long long, bool> cases[] = {
         {"dict://127.0.0.1", "", HTTP_GET_TRANSFER_FAILED, false}, {"127.0.0.1", limit, HTTP_GET_OK, false},
         {"127.0.0.1", limit + "b", HTTP_GET_TRANSFER_FAILED, false},
@@ -93,9 +89,8 @@ TEST(HttpGetClient, SpeaksOnlyHttpWithinItsBounds) {
         }
         EXPECT_EQ(peer.connection_pending(), connected) << host;
     }
-    std::string full(HTTP_GET_MAX_REPLY, 'b');  // a one-byte piece past the bound fails too
-    char piece = 'b';
-    EXPECT_EQ(curl_write_to_string(&piece, 1, 1, &full), 0u);
+    std::string full(HTTP_GET_MAX_REPLY, 'b');  // one more byte past the bound fails too
+    EXPECT_EQ(curl_write_to_string(full.data(), 1, 1, &full), 0u);
     EXPECT_EQ(full.size(), HTTP_GET_MAX_REPLY);
 }
 
