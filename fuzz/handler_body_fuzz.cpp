@@ -2,8 +2,9 @@
 // separated by '\x1e'; the first byte picks the operation, the rest is the
 // body, its fields (separated by '\x1f') the arguments "method" and "name"
 // (after the path, for an operation without one). Checked, besides what
-// the sanitizers catch: every request gets a reply, and every
-// service-control worker ends.
+// the sanitizers catch: every request gets a reply, a JSON one parses with
+// one of the handlers' codes as its "return" (no internal code leaks out),
+// and every service-control worker ends.
 #include <json-c/json.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "control/services_handler.h"
+#include "endpoints/ssci_response.h"
 #include "fuzz/fuzz_support.h"
 #include "monitor/svcmon_handler.h"
 #include "registry/svc_info_map.h"
@@ -23,6 +25,8 @@
 namespace {
 
 using fields = std::vector<std::string>;
+constexpr int RESULTS[] = {SVC_INFO_OK,         SVCMGR_UNKNOWN_METHOD, SVC_INFO_NO_SUCH_NAME,
+                           SVC_INFO_EMPTY_NAME, SVCMON_BAD_PATH,       SVCMON_HISTORY_FAILED, SVCMON_NO_NAME};
 constexpr const char SVCMGR_PATH[] = "/managerService/svcmgr";
 constexpr const char SVCMON_PATH[] = "/managerService/svcmon";
 constexpr const char SERVICES_PATH[] = "/managerService/services";
@@ -70,6 +74,17 @@ std::string json_body(const fields& parts, const std::vector<const char*>& names
     return text;
 }
 
+bool is_known_json_reply(const httpserver::http_response& reply) {
+    auto text = dynamic_cast<const httpserver::string_response*>(&reply);
+    json_object* parsed = text != nullptr ? json_tokener_parse(text->get_content().c_str()) : nullptr;
+    json_object* result = nullptr;
+    const bool known = json_object_object_get_ex(parsed, RETURN_MEMBER, &result) &&
+                       json_object_is_type(result, json_type_int) &&
+                       std::count(std::begin(RESULTS), std::end(RESULTS), json_object_get_int(result)) == 1;
+    json_object_put(parsed);
+    return known && reply.get_response_code() == HTTP_STATUS_OK;
+}
+
 std::ptrdiff_t thread_count() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
@@ -83,7 +98,7 @@ void run_request(const operation& op, const std::string& rest) {
     const std::ptrdiff_t threads = op.handle == proc_services_post ? thread_count() : 0;
     const auto reply = op.handle(httpserver::http_request(
         op.method, path, {{"method", parts[0]}, {"name", parts[1]}}, {}, body));
-    fuzz_check(reply != nullptr, "no reply");
+    fuzz_check(reply != nullptr && (web_page_path(path) || is_known_json_reply(*reply)), "reply");
     // A service-control worker only runs a missing init script (sandbox).
     for (int polls = 0; threads > 0 && thread_count() > threads; ++polls) {
         fuzz_check(polls < 10000, "a service-control worker did not end");
