@@ -71,10 +71,7 @@ class Browser:
     def shoot(self, name):
         """Saves the whole page as name.png in the screenshot folder, when there is one."""
         if SHOTS:
-            size = self.send("Page.getLayoutMetrics")["cssContentSize"]
-            clip = {"x": 0, "y": 0, "width": size["width"], "height": size["height"], "scale": 1}
-            shot = self.send("Page.captureScreenshot", format="png", captureBeyondViewport=True,
-                             clip=clip)
+            shot = self.send("Page.captureScreenshot", format="png", captureBeyondViewport=True)
             with open(os.path.join(SHOTS, name + ".png"), "wb") as out:
                 out.write(base64.b64decode(shot["data"]))
 

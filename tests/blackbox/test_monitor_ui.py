@@ -47,10 +47,6 @@ def start_daemon(sandbox, *args, port=None):
     return sandbox.start(*args, port=port)
 
 
-def press(page, selector):
-    page.js(f"document.querySelector({json.dumps(selector)}).click()")
-
-
 def text(page, element_id, member="textContent"):
     return page.js(f"document.getElementById('{element_id}').{member}")
 
@@ -94,10 +90,10 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
 
         # A control run: confirmation, "running" with the button disabled, then
         # the outcome and the output's last lines.
-        press(page, "#controls button[value=stop]")
+        page.js("document.querySelector('#controls button[value=stop]').click()")
         assert text(page, "confirm", "open") and "runs /etc/init.d/services.sh stop: stops the " \
             "device's services" in text(page, "confirm-text")
-        press(page, "#confirm-run")
+        page.js("document.getElementById('confirm-run').click()")
         assert wait_for(lambda: page.js(RUN).startswith("running stop"))
         assert page.js(STOP_DISABLED) == "true"
         pathlib.Path(device_path_of(daemon, GO)).touch()
@@ -176,7 +172,7 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         assert text(page, "live") == "(asking every 1 s)"
         assert wait_for(lambda: page.js(RUN).startswith("failed: exit status 3 start")), page.js(RUN)
         assert page.js("document.documentElement.scrollWidth") == 390
-        press(page, "#sys-state-box summary")
+        page.js("document.querySelector('#sys-state-box summary').click()")
         assert wait_for(lambda: text(page, "sys-state") == '{\n  "cpu": [\n    3,\n    4\n  ]\n}')
         # Without reachability at all, the list comes from the health status.
         OLDER_REPLIES["get_health_status"]["items"] = [
