@@ -3,6 +3,7 @@ refused ports "down", answering ones "up" with their status, and one outside loo
 "network unreachable" (the tests run where only loopback is up: nothing is sent to it);
 latency belongs to the service, not to the names' order; outages and moves are kept as
 events; a check ends with an orderly close; the prober adds nothing to the console."""
+import contextlib
 import socket
 import statistics
 
@@ -48,8 +49,9 @@ def test_three_states_and_their_reply(sandbox):
         assert wait_for(lambda: len(partial.endings) >= 3, 10)
         assert partial.endings[:3] == [b""] * 3  # orderly closes (EOF), not resets
         found = reachability_items(daemon)
-        assert [(found[n]["state"], found[n]["http_status"]) for n in ("answering", "partial")] == [
-            ("up", 503), ("up", 404)]
+        assert [(found[n]["state"], found[n]["reachable"], found[n]["http_status"])
+                for n in ("answering", "partial", "refused")] == [
+            ("up", True, 503), ("up", True, 404), ("down", False, None)]
         assert [found[n]["error"] for n in ("refused", "lowest", "outside")] == [
             "connection refused", "connection refused", "network unreachable"]
         assert answering.checks[-1] == "OPTIONS * HTTP/1.0" and answering.requests == []
@@ -89,8 +91,8 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept(sandbox):
 def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
     """65 services (one more than are checked at once) that accept and never answer
     make each full round two check timeouts long; while they refused, rounds were short."""
-    listeners = [socket.socket() for _ in range(65)]
-    try:
+    with contextlib.ExitStack() as stack:
+        listeners = [stack.enter_context(socket.socket()) for _ in range(65)]
         for listener in listeners:
             listener.bind(("127.0.0.1", 0))  # bound, not listening: refused
         daemon = sandbox.start("-m", "1")
@@ -105,6 +107,3 @@ def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
         checks = reachability_items(daemon)["s00"]["checks"]
         assert wait_for(lambda: reachability_items(daemon)["s00"]["checks"] >= checks + 2, 10)
         assert sandbox.debug_log().count(record) == 1
-    finally:
-        for listener in listeners:
-            listener.close()
