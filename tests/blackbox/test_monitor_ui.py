@@ -77,15 +77,13 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert wait_for(lambda: ["svc_leaving", "down"] in page.js(ROWS)[:3], 2), page.js(ROWS)
         assert page.js("document.activeElement === upRow.querySelector('button.name') && "
                        f"upRow === {LAST_ROW}")
-        assert page.js("getSelection().toString()") == \
-            page.js("upRow.querySelector('td.address').textContent")
+        assert page.js("getSelection().toString() === upRow.querySelector('td.address').textContent")
         # The history opens under its row, takes the focus and is announced.
-        assert page.js(f"{LAST_ROW}.querySelector('button.name').getAttribute('aria-label')") \
-            == "Show history of svc_up"
-        page.js(f"{LAST_ROW}.querySelector('button.name').click()")
+        assert page.js("upRow.querySelector('button.name').ariaLabel") == "Show history of svc_up"
+        page.js("upRow.querySelector('button.name').click()")
         assert wait_for(lambda: '"events"' in page.js(
-            f"{LAST_ROW}.querySelector('tr.service + tr.history pre').textContent"))
-        assert page.js(f"document.activeElement === {LAST_ROW}.querySelector('.history-box')")
+            "upRow.querySelector('tr.service + tr.history pre').textContent"))
+        assert page.js("document.activeElement === upRow.querySelector('.history-box')")
         assert wait_for(lambda: text(page, "announce") == "History of svc_up shown.")
 
         # A control run: confirmation, "running" with the button disabled, then
