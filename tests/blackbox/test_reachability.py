@@ -37,8 +37,7 @@ def test_three_states_and_their_reply(sandbox):
             FakePeer(head_then_end) as partial:
         daemon = sandbox.start("-v", "2", "-m", "1")
         for name, port, *ip in [("answering", answering.port), ("refused", free_port()),
-                                ("stopped", stopping.port),
-                                ("partial", partial.port), ("lowest", 1),
+                                ("stopped", stopping.port), ("partial", partial.port), ("lowest", 1),
                                 ("outside", 80, "192.0.2.1")]:  # a documentation address
             assert register(daemon, name, port, *ip) == OK
         console = console_without_requests(daemon)
