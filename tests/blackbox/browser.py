@@ -1,5 +1,5 @@
 """Headless Chromium for the page tests, driven over the DevTools protocol. With
-MANAGER_SVC_SCREENSHOTS set to a folder, `shoot` saves views there as PNG files."""
+MANAGER_SVC_SCREENSHOTS set to a folder, `shoot` saves pages there as PNG files."""
 import base64
 import json
 import os
@@ -46,20 +46,17 @@ class Browser:
         if self.session:
             message["sessionId"] = self.session
         os.write(self.commands, json.dumps(message).encode() + b"\0")
-        while True:
-            reply = self.receive()
+        while True:  # answers and events, each ended by a NUL byte
+            while b"\0" not in self.buffer:
+                assert select.select([self.answers], [], [], deadline(30))[0], "chromium is silent"
+                chunk = os.read(self.answers, 1 << 16)
+                assert chunk, "chromium closed its pipe"
+                self.buffer += chunk
+            message, _, self.buffer = self.buffer.partition(b"\0")
+            reply = json.loads(message)
             if reply.get("id") == self.last_id:
                 assert "error" not in reply, (method, reply["error"])
                 return reply["result"]
-
-    def receive(self):
-        while b"\0" not in self.buffer:
-            assert select.select([self.answers], [], [], deadline(30))[0], "chromium is silent"
-            chunk = os.read(self.answers, 1 << 16)
-            assert chunk, "chromium closed its pipe"
-            self.buffer += chunk
-        message, _, self.buffer = self.buffer.partition(b"\0")
-        return json.loads(message)
 
     def js(self, expression):
         result = self.send("Runtime.evaluate", expression=expression, returnByValue=True,
@@ -71,19 +68,12 @@ class Browser:
         self.send("Page.navigate", url=url)
         assert wait_for(lambda: self.js("document.readyState === 'complete' && location.href") == url)
 
-    def shoot(self, name, whole=False):
-        """Saves the view (or the whole page) as name.png in the screenshot
-        folder, when there is one."""
-        clip = {}
-        if whole:
-            size = self.send("Page.getLayoutMetrics")["cssContentSize"]
-            clip = {"captureBeyondViewport": True, "clip": {
-                "x": 0, "y": 0, "width": size["width"], "height": size["height"], "scale": 1}}
-        data = base64.b64decode(self.send("Page.captureScreenshot", format="png", **clip)["data"])
-        assert data.startswith(b"\x89PNG")
+    def shoot(self, name):
+        """Saves the whole page as name.png in the screenshot folder, when there is one."""
         if SHOTS:
+            shot = self.send("Page.captureScreenshot", format="png", captureBeyondViewport=True)
             with open(os.path.join(SHOTS, name + ".png"), "wb") as out:
-                out.write(data)
+                out.write(base64.b64decode(shot["data"]))
 
     def __enter__(self):
         return self

@@ -3,17 +3,18 @@ refused ports "down", answering ones "up" with their status, and one outside loo
 "network unreachable" (the tests run where only loopback is up: nothing is sent to it);
 latency belongs to the service, not to the names' order; outages and moves are kept as
 events; a check ends with an orderly close; the prober adds nothing to the console."""
+import contextlib
 import socket
 import statistics
-import time
 
 from fake_peer import FakePeer, answer, silent
-from harness import (OK, SVCMON, deadline, free_port, reachability, reachability_items, register,
+from harness import (OK, SVCMON, free_port, reachability, reachability_items, register,
                      svcmon, wait_for)
 
 
-def events(daemon):
-    return svcmon(daemon, "get_events")["items"]
+def svc_events(daemon):
+    return [(e["event"], e["from"], e["to"]) for e in svcmon(daemon, "get_events")["items"]
+            if e["name"] == "svc"]
 
 
 def head_then_end(peer, conn):
@@ -32,32 +33,26 @@ def console_without_requests(daemon):
 
 
 def test_three_states_and_their_reply(sandbox):
-    with FakePeer(answer(503)) as answering, FakePeer(silent) as hung, \
-            FakePeer(answer(200)) as stopping, FakePeer(head_then_end) as partial:
+    with FakePeer(answer(503)) as answering, FakePeer(answer(200)) as stopping, \
+            FakePeer(head_then_end) as partial:
         daemon = sandbox.start("-v", "2", "-m", "1")
-        for name, port, *ip in [("answering", answering.port), ("hung", hung.port),
-                                ("refused", free_port()), ("stopped", stopping.port),
-                                ("partial", partial.port), ("local", answering.port, "localhost"),
-                                ("lowest", 1),
+        for name, port, *ip in [("answering", answering.port), ("refused", free_port()),
+                                ("stopped", stopping.port), ("partial", partial.port), ("lowest", 1),
                                 ("outside", 80, "192.0.2.1")]:  # a documentation address
             assert register(daemon, name, port, *ip) == OK
         console = console_without_requests(daemon)
         assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "up", 5)
         stopping.behaviour = silent  # still accepts, answers no more (as after SIGSTOP)
-        stopped_at = time.monotonic()
-        assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "no answer", 5)
-        assert time.monotonic() - stopped_at < deadline(2 * 1 + 1)  # two periods and the reply
+        # Within two periods and the reply.
+        assert wait_for(lambda: reachability_items(daemon)["stopped"]["state"] == "no answer", 3)
         assert wait_for(lambda: len(partial.endings) >= 3, 10)
         assert partial.endings[:3] == [b""] * 3  # orderly closes (EOF), not resets
         found = reachability_items(daemon)
         assert [(found[n]["state"], found[n]["reachable"], found[n]["http_status"])
-                for n in ("answering", "local", "partial", "hung", "refused")] == [
-            ("up", True, 503), ("up", True, 503), ("up", True, 404), ("no answer", False, None),
-            ("down", False, None)]
-        assert [found[n]["error"] for n in ("answering", "refused", "lowest", "outside")] == [
-            "", "connection refused", "connection refused", "network unreachable"]
-        assert found["refused"]["failures"] >= 1 and found["answering"]["failures"] == 0
-        assert found["answering"]["latency_ms"] > 0 and found["hung"]["latency_ms"] is None
+                for n in ("answering", "partial", "refused")] == [
+            ("up", True, 503), ("up", True, 404), ("down", False, None)]
+        assert [found[n]["error"] for n in ("refused", "lowest", "outside")] == [
+            "connection refused", "connection refused", "network unreachable"]
         assert answering.checks[-1] == "OPTIONS * HTTP/1.0" and answering.requests == []
         reply = reachability(daemon)
         assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
@@ -76,36 +71,27 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept(sandbox):
         assert wait_for(lambda: all(i["checks"] >= 3
                                     for i in reachability_items(daemon).values()), 10)
         found = reachability_items(daemon)
-        assert found["svc"]["state"] == "up"
         # Latency is the service's own, whatever the names' order.
         first = statistics.median(found[n]["latency_ms"] for n in names[:10])
         last = statistics.median(found[n]["latency_ms"] for n in names[-10:])
         assert first <= 3 * last and last <= 3 * first, (first, last)
     assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "down", 5)
-    with FakePeer(answer(200), port=port) as back:
-        assert wait_for(lambda: reachability_items(daemon)["svc"]["recent"].endswith("u")
-                        and "d" in reachability_items(daemon)["svc"]["recent"], 5)
-        changes = [(e["from"], e["to"]) for e in reversed(events(daemon))
-                   if e["name"] == "svc" and e["event"] == "state"]
-        assert changes[-2:] == [("up", "down"), ("down", "up")]
+    with FakePeer(answer(200), port=port), FakePeer(answer(200)) as moved:
+        assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "up", 5)
         assert f"reachability of svc at 127.0.0.1:{port}: up -> down" in sandbox.debug_log()
-        found = reachability_items(daemon)["svc"]
-        assert found["up_checks"] < found["checks"] and found["recent"].startswith("u")
-        with FakePeer(answer(200)) as moved:
-            assert register(daemon, "svc", moved.port) == OK
-            assert wait_for(lambda: any(e["event"] == "moved" for e in events(daemon)), 5)
-            kinds = [e["event"] for e in events(daemon) if e["name"] == "svc"]
-            assert kinds.count("moved") == 1 and kinds[-1] == "registered"
-            detail = [e["detail"] for e in events(daemon) if e["event"] == "moved"][0]
-            assert detail == f"127.0.0.1:{back.port} -> 127.0.0.1:{moved.port}"
-        assert events(daemon)[-1]["event"] == "started"
+        assert register(daemon, "svc", moved.port) == OK
+        # Newest first: the first check at the new address, the move, the outage, the registration.
+        assert wait_for(lambda: svc_events(daemon)[0] == ("state", None, "up"), 5)
+        assert svc_events(daemon)[1:4] == [("moved", None, None), ("state", "down", "up"),
+                                           ("state", "up", "down")]
+        assert svc_events(daemon)[-1][0] == "registered"
 
 
 def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
     """65 services (one more than are checked at once) that accept and never answer
     make each full round two check timeouts long; while they refused, rounds were short."""
-    listeners = [socket.socket() for _ in range(65)]
-    try:
+    with contextlib.ExitStack() as stack:
+        listeners = [stack.enter_context(socket.socket()) for _ in range(65)]
         for listener in listeners:
             listener.bind(("127.0.0.1", 0))  # bound, not listening: refused
         daemon = sandbox.start("-m", "1")
@@ -120,6 +106,3 @@ def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
         checks = reachability_items(daemon)["s00"]["checks"]
         assert wait_for(lambda: reachability_items(daemon)["s00"]["checks"] >= checks + 2, 10)
         assert sandbox.debug_log().count(record) == 1
-    finally:
-        for listener in listeners:
-            listener.close()
