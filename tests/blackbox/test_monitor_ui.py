@@ -156,7 +156,8 @@ def older_daemon(peer, conn):
         body = pathlib.Path(WEB_DIR, os.path.basename(url.path)).read_bytes()
     else:
         body = json.dumps(OLDER_REPLIES.get(method, {"return": -1})).encode()
-    answer(200, body, "text/html" if url.path.endswith(".html") else "application/json")(peer, conn)
+    kind = {".html": "text/html", ".js": "text/javascript"}.get(pathlib.Path(url.path).suffix)
+    answer(200, body, kind or "application/json")(peer, conn)
 
 
 def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
