@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "common/device_paths.h"
-#include "common/print_log.h"
 #include "registry/svc_info_map.h"
 #include "tests/unit/unit_support.h"
 
@@ -94,7 +93,6 @@ namespace {
 struct registry_test : testing::Test {
     void SetUp() override { reset(); }
     static void reset() {
-        verbose_level = 0;
         plan = write_plan();
         svc_info_destroy();
         std::remove(REGISTRY_FILE_PATH);
