@@ -240,10 +240,9 @@ using http_reply = std::shared_ptr<httpserver::http_response>;
 const http_reply reply(const httpserver::http_request&) { return std::make_shared<httpserver::string_response>(); }
 const http_reply out_of_memory(const httpserver::http_request&) { throw std::bad_alloc(); }
 
-// What a handler throws stays in its module: the guarded handler answers null, which the server sends as 500;
-// a reply passes through as it is, plain text unless it says otherwise. The resource with the longest path
-// that covers the request's path serves it: the path itself and those below, not those that only begin with
-// it. (Allow, HEAD and the replies' headers: tests/blackbox.)
+// What a handler throws stays in its module: the guarded handler answers null (the server sends 500); a reply
+// passes through, plain text unless it says otherwise. The longest resource path that covers the request's
+// serves it: the path and those below, not those that only begin with it. (Headers, HEAD: tests/blackbox.)
 TEST_F(Platform, HandlersAreGuardedRepliesArePlainTextAndResourcesCoverThePathsBelow) {
     const httpserver::http_request request("GET", "/a", {}, {}, "");
     EXPECT_EQ(guarded<out_of_memory>(request), nullptr);
