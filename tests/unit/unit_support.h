@@ -52,8 +52,7 @@ struct loopback_peer {
         pollfd listener{fd, POLLIN, 0};
         return poll(&listener, 1, 0) == 1;
     }
-    // Answers every connection, until destroyed, with `text` after reading
-    // the request's first segment, then closes it.
+    // Answers every connection, until destroyed, with `text` after reading its first segment, then closes it.
     void serve(const std::string& text) {
         server = std::thread([this, text] {
             while (!stopping) {
