@@ -12,8 +12,7 @@ from browser import Browser
 from fake_peer import FakePeer, answer, silent
 from harness import SCRIPTS, SVCMON, device_path_of, free_port, register, wait_for
 
-WEB_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "web")
-HOME = "/home/httpd/manager_svc"
+WEB_DIR = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", "..", "web"))
 PAGE = SVCMON + "/web/index.html"
 GO = "/tmp/go"
 # Says what it does, then waits until the test lets it end (at most a minute).
@@ -40,13 +39,6 @@ RUN = "document.querySelector('#runs li')?.innerText ?? ''"  # the newest contro
 STOP_DISABLED = "document.querySelector('#controls button[value=stop]').ariaDisabled"
 
 
-def start_daemon(sandbox, *args, port=None):
-    """The daemon with the page of web/ at its default home path."""
-    for name in ("index.html", "app.js"):
-        sandbox.write(f"{HOME}/{name}", pathlib.Path(WEB_DIR, name).read_bytes())
-    return sandbox.start(*args, port=port)
-
-
 def text(page, element_id, member="textContent"):
     return page.js(f"document.getElementById('{element_id}').{member}")
 
@@ -58,7 +50,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         sandbox.write(script, SCRIPT, mode=0o755)
     with FakePeer(answer(200, b'{"events": [1]}')) as up, FakePeer(silent) as hung, \
             Browser(1280, 800) as page:
-        daemon = start_daemon(sandbox, "-m", "1")
+        daemon = sandbox.start("-m", "1", "-D", WEB_DIR)
         for name, port in [("svc_up", up.port), ("svc_hung", hung.port), ("svc_down", free_port())]:
             register(daemon, name, port)
         with FakePeer(answer(200)) as leaving:
@@ -105,7 +97,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert wait_for(lambda: "daemon not answering since" in page.js("document.title"), 3)
         assert page.js("document.body.classList.contains('stale-view') && "
                        "!document.getElementById('stale').hidden")
-        start_daemon(sandbox, "-m", "1", port=daemon.port)
+        sandbox.start("-m", "1", "-D", WEB_DIR, port=daemon.port)
         assert wait_for(lambda: text(page, "restarted", "hidden") is False)
         assert "events and runs from before the restart are gone" in text(page, "restarted")
         assert wait_for(lambda: not page.js("document.body.classList.contains('stale-view')"))
@@ -113,7 +105,7 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
 
 def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
     with FakePeer(answer(200)) as up, FakePeer(silent) as hung, Browser(390, 844, True) as page:
-        daemon = start_daemon(sandbox, "-m", "2")
+        daemon = sandbox.start("-m", "2", "-D", WEB_DIR)
         # Of every 22 services one is hung, six are down (a closed port), 15 up.
         kinds = [hung.port] + [free_port()] * 6 + [up.port] * 15
         for number in range(220):
