@@ -152,7 +152,7 @@ def older_daemon(peer, conn):
     answer(200, body, kind or "application/json")(peer, conn)
 
 
-def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
+def test_older_daemon_gets_unknown_and_polling():
     with FakePeer(older_daemon) as older, Browser(390, 844, True) as page:
         page.open(f"http://127.0.0.1:{older.port}{PAGE}")
         assert wait_for(lambda: page.js(ROWS) == [["b<i>down", "down"], ["a_up", "up"]])
@@ -171,6 +171,4 @@ def test_older_daemon_gets_unknown_and_polling_then_a_stale_page():
         OLDER_REPLIES["get_reachability"] = {"return": -1}
         assert wait_for(lambda: page.js(ROWS) == [["c_only", "unknown"]])
         assert page.js("document.title") == "Service monitor: state unknown"
-        older.behaviour = lambda peer, conn: None  # closes at once, unanswered
-        assert wait_for(lambda: text(page, "count").startswith("daemon not answering since"), 3)
 
