@@ -44,8 +44,6 @@ def text(page, element_id, member="textContent"):
 
 
 def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
-    """The daemon at -m 1 with an up, a hung, a down and a leaving service, fake
-    init scripts, and a desktop browser."""
     for script in SCRIPTS:
         sandbox.write(script, SCRIPT, mode=0o755)
     with FakePeer(answer(200, b'{"events": [1]}')) as up, FakePeer(silent) as hung, \
@@ -56,7 +54,6 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         with FakePeer(answer(200)) as leaving:
             register(daemon, "svc_leaving", leaving.port)
             page.open(f"http://127.0.0.1:{daemon.port}{PAGE}")
-            # Problems first, each state in words.
             expected = [["svc_down", "down"], ["svc_hung", "no answer"], ["svc_leaving", "up"],
                         ["svc_up", "up"]]
             assert wait_for(lambda: page.js(ROWS) == expected, 10), page.js(ROWS)
@@ -70,7 +67,6 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert page.js("document.activeElement === upRow.querySelector('button.name') && "
                        f"upRow === {LAST_ROW}")
         assert page.js("getSelection().toString() === upRow.querySelector('td.address').textContent")
-        # The history opens under its row, takes the focus and is announced.
         assert page.js("upRow.querySelector('button.name').ariaLabel") == "Show history of svc_up"
         page.js("upRow.querySelector('button.name').click()")
         assert wait_for(lambda: '"events"' in page.js(
@@ -78,8 +74,6 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert page.js("document.activeElement === upRow.querySelector('.history-box')")
         assert wait_for(lambda: text(page, "announce") == "History of svc_up shown.")
 
-        # A control run: confirmation, "running" with the button disabled, then
-        # the outcome and the output's last lines.
         page.js("document.querySelector('#controls button[value=stop]').click()")
         assert text(page, "confirm", "open") and "runs /etc/init.d/services.sh stop: stops the " \
             "device's services" in text(page, "confirm-text")
@@ -92,7 +86,6 @@ def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon
         assert page.js(STOP_DISABLED) == "false"
         assert wait_for(lambda: page.js(RECENT_CHECKS) >= 5, 10)
         page.shoot("monitor-desktop")
-        # The daemon stops: the page says so, greyed; a new daemon is a restart.
         assert daemon.stop() == 0
         assert wait_for(lambda: "daemon not answering since" in page.js("document.title"), 3)
         assert page.js("document.body.classList.contains('stale-view') && "
@@ -115,7 +108,6 @@ def test_phone_shows_220_services_as_cards_of_at_most_three_lines(sandbox):
         assert len(page.js(ROWS)) == 220
         assert page.js("document.documentElement.scrollWidth") == 390
         assert page.js(CARD_LINES) == 3
-        # A few checks in every strip, and a filter that leaves some of each state.
         assert wait_for(lambda: page.js(RECENT_CHECKS) >= 4, 20)
         page.js("const filter = document.getElementById('filter'); filter.value = 'svc02';"
                 "filter.dispatchEvent(new Event('input'))")

@@ -54,7 +54,6 @@ def test_three_states_and_their_reply(sandbox):
         assert partial.checks[-1] == "OPTIONS * HTTP/1.0" and partial.requests == []
         reply = reachability(daemon)
         assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
-        # The prober adds nothing to the console, even at the DEBUG level.
         count = len(partial.checks)
         assert wait_for(lambda: len(partial.checks) >= count + 6, 10)  # three rounds
         assert console_without_requests(daemon) == console
@@ -69,7 +68,6 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept(sandbox):
         assert wait_for(lambda: all(i["checks"] >= 3
                                     for i in reachability_items(daemon).values()), 10)
         found = reachability_items(daemon)
-        # Latency is the service's own, whatever the names' order.
         first = statistics.median(found[n]["latency_ms"] for n in names[:10])
         last = statistics.median(found[n]["latency_ms"] for n in names[-10:])
         assert first <= 3 * last and last <= 3 * first, (first, last)
