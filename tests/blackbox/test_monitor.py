@@ -53,7 +53,6 @@ WALK = [(SVCMON + query, {}, (200, "application/json", body)) for query, body in
 
 @pytest.mark.parametrize("path, headers, expected", WALK, ids=[w[0] for w in WALK])
 def test_result_codes_and_head(monitor, path, headers, expected):
-    """HEAD answers like GET on the pages only."""
     reply = monitor.request("GET", path, headers=headers)
     assert (reply.status, reply.headers["content-type"], reply.body) == expected
     if reply.status == 302:
