@@ -69,7 +69,6 @@ class Browser:
         assert wait_for(lambda: self.js("document.readyState === 'complete' && location.href") == url)
 
     def shoot(self, name):
-        """Saves the whole page as name.png in the screenshot folder, when there is one."""
         if SHOTS:
             shot = self.send("Page.captureScreenshot", format="png", captureBeyondViewport=True)
             with open(os.path.join(SHOTS, name + ".png"), "wb") as out:
