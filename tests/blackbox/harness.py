@@ -115,7 +115,6 @@ class Sandbox:
         os.chmod(target, mode)
 
     def read(self, device_path):
-        """The file's bytes, or None when it is absent."""
         return pathlib.Path(self.path(device_path)).read_bytes() if self.exists(device_path) else None
 
     def debug_log(self):
@@ -181,7 +180,6 @@ class Daemon:
         return http_request(self.port, method, path, body, headers, timeout)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        """Sends sig (unless it has ended); returns the exit status."""
         self.proc.send_signal(sig)
         return self.proc.wait(deadline(timeout))
 
