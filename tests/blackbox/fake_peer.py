@@ -4,8 +4,6 @@ in `checks`; a behaviour notes how they end in `endings`); stops with its with-b
 import socketserver
 import threading
 
-from harness import wait_for
-
 CHECK_LINE = "OPTIONS * HTTP/1.0"
 
 
@@ -37,9 +35,6 @@ class FakePeer(socketserver.ThreadingTCPServer):
         self.stopping.set()
         self.shutdown()
         self.server_close()
-
-    def wait_requests(self, count, timeout=5):
-        return wait_for(lambda: len(self.requests) >= count, timeout)
 
 
 class PeerConnection(socketserver.BaseRequestHandler):

@@ -30,9 +30,6 @@ SVCMON = "/managerService/svcmon"
 SERVICES = "/managerService/services"
 SCRIPTS = ("/etc/init.d/services.sh", "/etc/init.d/fdr_services.sh")
 OK = b'{ "return": 0 }'
-# Every daemon runs with a proxy in its environment that leads nowhere: the
-# relays must reach the device's services directly.
-DAEMON_ENV = dict(os.environ, http_proxy="http://127.0.0.1:1")
 
 
 def deadline(seconds):
@@ -118,7 +115,6 @@ class Sandbox:
         os.chmod(target, mode)
 
     def read(self, device_path):
-        """The file's bytes, or None when it is absent."""
         return pathlib.Path(self.path(device_path)).read_bytes() if self.exists(device_path) else None
 
     def debug_log(self):
@@ -158,10 +154,11 @@ class Daemon:
     def __init__(self, sandbox, args, port, nofile):
         self.sandbox, self.port = sandbox, port or DEFAULT_PORT
         self.stderr_path = os.path.join(sandbox.root, f"stderr-{uuid.uuid4().hex[:6]}.log")
+        # A proxy in its environment leads nowhere: the relays must reach the services directly.
         with open(self.stderr_path, "wb") as out:
             self.proc = subprocess.Popen(
-                sandbox.command((["-p", port] if port else []) + list(args)),
-                stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=DAEMON_ENV,
+                sandbox.command((["-p", port] if port else []) + list(args)), stdin=subprocess.DEVNULL,
+                stdout=out, stderr=out, env=dict(os.environ, http_proxy="http://127.0.0.1:1"),
                 preexec_fn=lambda: nofile and resource.setrlimit(resource.RLIMIT_NOFILE, nofile))
         self.pid = self.proc.pid
 
@@ -183,7 +180,6 @@ class Daemon:
         return http_request(self.port, method, path, body, headers, timeout)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        """Sends sig (unless it has ended); returns the exit status."""
         self.proc.send_signal(sig)
         return self.proc.wait(deadline(timeout))
 

@@ -91,9 +91,7 @@ def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
 
 
 def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
-    """The command ends at once with status 0, its banner saying so; the
-    daemon it leaves behind serves and stops on SIGTERM, writing back the
-    registry it loaded at start-up."""
+    """The daemon left behind serves, writing back at SIGTERM the registry it loaded."""
     sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
     result = sandbox.run(["-d", "-p", port])
