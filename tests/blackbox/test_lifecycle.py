@@ -94,13 +94,16 @@ def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
     """The daemon left behind serves, writing back at SIGTERM the registry it loaded."""
     sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
-    result = sandbox.run(["-d", "-p", port])
-    assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
-    assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
-    detached = ["pgrep", "-x", "-f", f"{BIN} -d -p {port}"]
-    [pid] = subprocess.run(detached, capture_output=True).stdout.split()
-    body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
-    assert http_request(port, "POST", SVCMGR, body).body == OK
-    os.kill(int(pid), signal.SIGTERM)
-    assert wait_for(lambda: subprocess.run(detached, capture_output=True).returncode == 1)
-    assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"
+    detached = ["-x", "-f", f"{BIN} -d -p {port}"]
+    try:
+        result = sandbox.run(["-d", "-p", port])
+        assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
+        assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
+        [pid] = subprocess.run(["pgrep", *detached], capture_output=True).stdout.split()
+        body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
+        assert http_request(port, "POST", SVCMGR, body).body == OK
+        os.kill(int(pid), signal.SIGTERM)
+        assert wait_for(lambda: subprocess.run(["pgrep", *detached]).returncode == 1)
+        assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"
+    finally:  # a failed check leaves no daemon behind
+        subprocess.run(["pkill", "-KILL", *detached])
