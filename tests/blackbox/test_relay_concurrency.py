@@ -4,7 +4,7 @@ trickler is cut off. Also runs against the ThreadSanitizer build."""
 import socket
 
 from fake_peer import FakePeer, silent
-from harness import OK, SVCMGR, SVCMON, answered, connect, register, wait_for
+from harness import OK, REGISTRY_FILE, SVCMGR, SVCMON, answered, connect, register, wait_for
 
 HISTORY = (f"GET {SVCMON}?method=get_history&name=quiet HTTP/1.1\r\nHost: 127.0.0.1\r\n"
            "Connection: close\r\n\r\n").encode()
@@ -49,6 +49,7 @@ def test_relays_beyond_the_bounds_fail_at_once_and_stop_ends_them(sandbox):
         assert daemon.stop() == 0
     assert {body_of(sock) for sock in pending} <= {FAILED, b""}
     assert sandbox.debug_log().count("relay refused (no room or stopping)") >= BEYOND
+    assert sandbox.read(REGISTRY_FILE) == f"other,127.0.0.1,7\nquiet,127.0.0.1,{peer.port}\n".encode()
 
 
 def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
