@@ -65,7 +65,8 @@ def test_registry_file_follows_every_change_and_the_console_tells_each(daemon, m
     for lines in [f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
                   "param_ip=127.0.0.7\nparam_port=80\ndo register \n",
                   "Already exists, check content : svcA\n    Identical content, do nothing\n",
-                  "get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n",
+                  "get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n"
+                  "do register \n",
                   "proc_svcmgr_delete()\nparam_name=svcA\ndo delete\n",
                   "proc_svcmgr_get()\nfind, do get info : svcA\n", "get info failed : nobody\n",
                   "can not find, delete failed : nobody\n", "find, do delete : big\n"]:
