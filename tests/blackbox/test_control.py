@@ -75,6 +75,8 @@ def test_output_kept_default_oom_score_and_at_most_32_scripts_at_once(sandbox):
     for _ in range(40):
         assert post(daemon, '{"method": "start"}') == OK
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 8})
+    refused = f"service command [{SCRIPTS[0]} start] not run: too many scripts running"
+    assert wait_for(lambda: sandbox.debug_log().count(refused) == 8)
     # A started run is recorded by its worker thread, a refused one at once: in any order.
     runs = svcmon(daemon, "get_control_runs")["items"]
     assert {r["error"] for r in runs} == {None, "too many scripts running"}

@@ -53,6 +53,7 @@ def test_three_states_and_their_reply(sandbox):
             "connection refused", "connection refused", "network unreachable"]
         assert partial.checks[-1] == "OPTIONS * HTTP/1.0" and partial.requests == []
         reply = reachability(daemon)
+        assert f"proc_svcmon_get()\nstr_req_path=[{SVCMON}]\n" in daemon.stderr_text()
         assert (reply["version"], reply["period"], reply["started"][-1]) == ("1.0.0", 1, "Z")
         count = len(partial.checks)
         assert wait_for(lambda: len(partial.checks) >= count + 6, 10)  # three rounds
