@@ -6,7 +6,7 @@
 // The worker starts the shell itself and waits for it, and records the run
 // in the control-run log (control_runs.h, which has its own lock); the
 // handler shares nothing else but running_scripts, the atomic count of
-// workers alive.
+// runs not yet ended.
 // Nothing queues the runs: a script starts at once or not at all. At most
 // MAX_RUNNING_SCRIPTS run at once; a run beyond it, or whose thread, pipe
 // or process cannot be had, is recorded as not started, and its reply is
@@ -74,7 +74,7 @@ constexpr int SHELL_NOT_RUN_STATUS = 127;
 // recorded as not started.
 constexpr unsigned MAX_RUNNING_SCRIPTS = 32;
 
-// Runs whose worker thread was created and has not ended.
+// Runs whose worker thread was created and whose shell has not ended.
 std::atomic<unsigned> running_scripts{0};
 
 // Tested in this order; the first equal method wins.
@@ -271,7 +271,8 @@ const std::shared_ptr<httpserver::http_response> proc_services_post(
 // The worker records the run, starts the shell, reads its output and
 // waits for it on this thread: the stop signals keep their handler
 // meanwhile (system() would ignore SIGINT in the whole daemon while a
-// script runs).
+// script runs). The run's place is given back before its end is recorded,
+// so a caller that sees the run ended can start the next one.
 void* service_cmd_thread(void* argument) {
     service_job* job = static_cast<service_job*>(argument);
     const char* method = job->action->method;
@@ -281,16 +282,20 @@ void* service_cmd_thread(void* argument) {
     const int started = spawn_shell(job->command, &shell, &output);
     std::string tail;
     int wait_status = 0;
+    const char* error = nullptr;
     if (started != RESULT_OK) {
         debug_log("cannot start %s for [%s], errno=%d", SHELL_PATH, job->command, -started);
-        control_run_ended_without_status(run, method, strerror(-started), tail);
-    } else if (collect_shell(shell, output, tail, &wait_status)) {
-        control_run_exited(run, method, wait_status, tail);
-    } else {
-        control_run_ended_without_status(run, method, "cannot wait for the shell", tail);
+        error = strerror(-started);
+    } else if (!collect_shell(shell, output, tail, &wait_status)) {
+        error = "cannot wait for the shell";
     }
     free(job);
     running_scripts.fetch_sub(1);
+    if (error == nullptr) {
+        control_run_exited(run, method, wait_status, tail);
+    } else {
+        control_run_ended_without_status(run, method, error, tail);
+    }
     pthread_exit(nullptr);
 }
 
