@@ -191,46 +191,40 @@ TEST_F(Platform, JsonStringsAreCutAfterTheLastWholeCharacter) {
 }
 
 // Jobs that wait until the gate opens; refusals are counted on the submitting thread (the test's) only.
-struct job_counts {
-    std::promise<void> gate;
-    std::shared_future<void> open = gate.get_future().share();
-    std::atomic<unsigned> running{0}, finished{0}, refused_here{0};
-    const std::thread::id submitter = std::this_thread::get_id();
-};
-
 struct gated_job : relay_job {
-    explicit gated_job(job_counts& counts) : counts(counts) {}
     void run() override {
-        ++counts.running;
-        counts.open.wait();
-        ++counts.finished;
+        ++running;
+        open.wait();
+        ++finished;
     }
-    void refuse() override { counts.refused_here += std::this_thread::get_id() == counts.submitter ? 1 : 0; }
-    job_counts& counts;
+    void refuse() override { refused_here += std::this_thread::get_id() == submitter ? 1 : 0; }
+    static inline std::promise<void> gate;
+    static inline std::shared_future<void> open = gate.get_future().share();
+    static inline std::atomic<unsigned> running{0}, finished{0}, refused_here{0};
+    static inline const std::thread::id submitter = std::this_thread::get_id();
 };
 
 // Refused at once on the submitting thread: a job that no worker can run (which leaves nothing in the queue)
 // and every job once the pool has stopped; while a worker is busy and no thread can be made, the next job
 // waits for that worker instead. Idle workers end. (Its bounds: tests/blackbox/test_relay_concurrency.py.)
 TEST_F(Platform, RelayPoolRefusesOnlyWhatNoWorkerCanRun) {
-    job_counts jobs;
     relay_pool_start();
     threads_refused = true;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    EXPECT_EQ(jobs.refused_here, 1u);
+    relay_pool_submit(std::make_unique<gated_job>());
+    EXPECT_EQ(gated_job::refused_here, 1u);
     threads_refused = false;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    poll_until([&] { return jobs.running == 1; });
+    relay_pool_submit(std::make_unique<gated_job>());
+    poll_until([] { return gated_job::running == 1; });
     threads_refused = true;
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
+    relay_pool_submit(std::make_unique<gated_job>());
     threads_refused = false;
-    EXPECT_EQ(jobs.refused_here, 1u);
-    jobs.gate.set_value();
-    EXPECT_TRUE(poll_until([&] { return jobs.finished == 2; }));
+    EXPECT_EQ(gated_job::refused_here, 1u);
+    gated_job::gate.set_value();
+    EXPECT_TRUE(poll_until([] { return gated_job::finished == 2; }));
     EXPECT_TRUE(poll_until([] { return relay_pool_worker_count() == 0; }));
     relay_pool_stop();
-    relay_pool_submit(std::make_unique<gated_job>(jobs));
-    EXPECT_EQ(jobs.refused_here, 2u);
+    relay_pool_submit(std::make_unique<gated_job>());
+    EXPECT_EQ(gated_job::refused_here, 2u);
 }
 
 using http_reply = std::shared_ptr<httpserver::http_response>;
