@@ -1,6 +1,6 @@
-// The two outbound HTTP clients against a loopback peer: the service-bus
-// client (URL building, host-name characters, look-up, reply bound) and the
-// monitor's GET client (URL building, plain HTTP only, time and reply bounds).
+// The two outbound HTTP clients against a loopback peer: the service-bus client (URL building, host-name
+// characters, the name server's answer, the look-up's time bound) and the monitor's GET client (URL
+// building, plain HTTP only, time and reply bounds).
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -38,7 +38,7 @@ TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
         {R"({"return": 0, "ip": "127.0.0.5", "port": 65536})", RESULT_BAD_ARGUMENT, "", 0},
         {R"({"return": 0, "ip": "127.0.0.5", "port": "80"})", RESULT_BAD_ARGUMENT, "", 0},
         {R"({"return": 0, "ip": "127.0.0.4/x?", "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
-        {R"({"return": 0, "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
+        {R"({"return": 0, "ip": 5, "port": 80})", RESULT_BAD_ARGUMENT, "", 0},
         {R"({"return": -2, "ip": "", "port": 0})", RESULT_NOT_FOUND, "", 0},
     };
     for (const auto& [answer, result, host, port] : cases) {
