@@ -48,10 +48,6 @@ struct loopback_peer {
         }
         close(fd);
     }
-    bool connection_pending() const {
-        pollfd listener{fd, POLLIN, 0};
-        return poll(&listener, 1, 0) == 1;
-    }
     // Answers every connection, until destroyed, with `text` after reading its first segment, then closes it.
     void serve(const std::string& text) {
         server = std::thread([this, text] {
