@@ -69,7 +69,6 @@ def test_a_matching_page_validator_gives_304_without_a_false_length(monitor):
     tag = monitor.request("GET", WEB + "/index.html").headers["etag"]
     again = monitor.request("GET", WEB + "/index.html", headers={"If-None-Match": tag})
     assert (again.status, again.body, again.headers["etag"]) == (304, b"", tag)
-    # No length, or the page's own: never a false one.
     assert again.headers.get("content-length") in (None, str(len(INDEX)))
 
 
@@ -79,8 +78,7 @@ def test_health_status_of_every_service(monitor):
 
 
 def test_large_and_growing_pages_are_served_from_the_file(monitor):
-    """A file being appended to up to its length at open, its bytes as they are in the
-    file; once whole, all of its 8 MiB."""
+    """Each reply is the file up to its length at open; once whole, all of its 8 MiB."""
     growing = device_path_of(monitor, "/www/growing.js")
     open(growing, "wb").close()
 
@@ -93,7 +91,6 @@ def test_large_and_growing_pages_are_served_from_the_file(monitor):
     replies = []
     while writer.is_alive() or len(replies) < 3:
         replies.append(monitor.request("GET", WEB + "/growing.js"))
-    writer.join()
     final = pathlib.Path(growing).read_bytes()
     for reply in replies:
         assert (reply.status, reply.headers["content-length"]) == (200, str(len(reply.body)))
