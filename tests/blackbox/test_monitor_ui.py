@@ -1,8 +1,7 @@
 """The monitor page (web/) in headless Chromium: against the real daemon (problems
 first, a service stopped while the page is open, a control run with its confirmation,
 outcome and output, the history under its row, the daemon stopped and restarted), on a
-phone with 220 services, and against a fake daemon that lacks the newer methods. With
-MANAGER_SVC_SCREENSHOTS set to a folder, the desktop and phone views are saved there."""
+phone with 220 services, and against a fake daemon that lacks the newer methods."""
 import json
 import os
 import pathlib
