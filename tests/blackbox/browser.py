@@ -1,4 +1,5 @@
-"""Headless Chromium for the page tests, driven over the DevTools protocol. With
+"""Headless Chromium for the page tests, one page driven over the DevTools protocol on a pipe
+(--remote-debugging-pipe reads commands on descriptor 3 and writes answers on 4). With
 MANAGER_SVC_SCREENSHOTS set to a folder, `shoot` saves pages there as PNG files."""
 import base64
 import json
@@ -14,9 +15,6 @@ SHOTS = os.environ.get("MANAGER_SVC_SCREENSHOTS")
 
 
 class Browser:
-    """Headless Chromium on a DevTools pipe (--remote-debugging-pipe reads
-    commands on its descriptor 3 and writes answers on 4), one page."""
-
     def __init__(self, width, height, mobile=False):
         self.profile = tempfile.mkdtemp(prefix="monitor-ui-")
         commands_in, self.commands = os.pipe()

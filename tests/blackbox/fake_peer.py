@@ -4,8 +4,6 @@ in `checks`; a behaviour notes how they end in `endings`); stops with its with-b
 import socketserver
 import threading
 
-CHECK_LINE = "OPTIONS * HTTP/1.0"
-
 
 def answer(status, body=b"", content_type="application/json"):
     def behave(peer, conn):
@@ -47,7 +45,7 @@ class PeerConnection(socketserver.BaseRequestHandler):
                     return
                 data += chunk
             head = data.partition(b"\r\n\r\n")[0].decode("latin-1")
-            is_check = head.startswith(CHECK_LINE)
+            is_check = head.startswith("OPTIONS * HTTP/1.0")
             (self.server.checks if is_check else self.server.requests).append(head)
             self.server.behaviour(self.server, self.request)
         except OSError:  # a client that went away mid-request

@@ -1,8 +1,7 @@
 """The monitor page (web/) in headless Chromium: against the real daemon (problems
 first, a service stopped while the page is open, a control run with its confirmation,
 outcome and output, the history under its row, the daemon stopped and restarted), on a
-phone with 220 services, and against a fake daemon that lacks the newer methods. With
-MANAGER_SVC_SCREENSHOTS set to a folder, the desktop and phone views are saved there."""
+phone with 220 services, and against a fake daemon that lacks the newer methods."""
 import json
 import os
 import pathlib
@@ -17,7 +16,6 @@ PAGE = SVCMON + "/web/index.html"
 GO = "/tmp/go"
 # Says what it does, then waits until the test lets it end (at most a minute).
 SCRIPT = f"""#!/bin/sh
-echo "$0 $* begins"
 echo "stopping the services"
 i=0; while [ ! -e {GO} ] && [ $i != 1200 ]; do sleep 0.05; i=$((i+1)); done
 echo "$0 $* done"
@@ -44,8 +42,7 @@ def text(page, element_id, member="textContent"):
 
 
 def test_console_shows_problems_a_stopped_service_history_runs_and_a_gone_daemon(sandbox):
-    for script in SCRIPTS:
-        sandbox.write(script, SCRIPT, mode=0o755)
+    sandbox.write(SCRIPTS[0], SCRIPT, mode=0o755)
     with FakePeer(answer(200, b'{"events": [1]}')) as up, FakePeer(silent) as hung, \
             Browser(1280, 800) as page:
         daemon = sandbox.start("-m", "1", "-D", WEB_DIR)
@@ -131,7 +128,6 @@ OLDER_REPLIES = {
 
 
 def older_daemon(peer, conn):
-    """Answers as the older daemon: its replies, the pages of web/, a system state."""
     url = urllib.parse.urlsplit(peer.requests[-1].split()[1])
     method = urllib.parse.parse_qs(url.query).get("method", [""])[0]
     if url.path == "/managerService/sys_state":
