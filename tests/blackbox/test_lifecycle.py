@@ -13,8 +13,7 @@ import time
 
 import pytest
 
-from harness import (BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, SVCMGR, free_port,
-                     http_request, port_answers, register, wait_for)
+from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, free_port, register, wait_for
 
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
@@ -94,14 +93,12 @@ def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
     """The daemon left behind serves, writing back at SIGTERM the registry it loaded."""
     sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
-    detached = ["-x", "-f", f"{BIN} -d -p {port}"]
+    detached = ["-x", "-f", f"{BIN} -p {port} -d"]
     try:
-        result = sandbox.run(["-d", "-p", port])
-        assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
-        assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
+        daemon = sandbox.start("-d", port=port)
+        assert daemon.proc.wait(10) == 0 and "is_daemon     : [true]\n" in daemon.stderr_text()
         [pid] = subprocess.run(["pgrep", *detached], capture_output=True).stdout.split()
-        body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
-        assert http_request(port, "POST", SVCMGR, body).body == OK
+        assert register(daemon, "svcA") == OK
         os.kill(int(pid), signal.SIGTERM)
         assert wait_for(lambda: subprocess.run(["pgrep", *detached]).returncode == 1)
         assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"
