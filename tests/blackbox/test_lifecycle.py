@@ -6,7 +6,6 @@ import os
 import pathlib
 import re
 import signal
-import socket
 import stat
 import subprocess
 import time
@@ -78,19 +77,9 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
     assert text.endswith(f"recv sig={int(sig)}\nmanager_svc exit(EXIT_SUCCESS).\n")
 
 
-def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
-    with socket.socket() as taken:
-        taken.bind(("127.0.0.1", 0))
-        taken.listen(1)
-        result = sandbox.run(["-p", taken.getsockname()[1]])
-    assert result.returncode == 1
-    assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
-    assert not sandbox.exists(READY_MARKER)
-
-
-
-def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
-    """The daemon left behind serves, writing back at SIGTERM the registry it loaded."""
+def test_a_detached_daemon_serves_until_sigterm_and_a_second_on_its_port_fails_to_start(sandbox):
+    """The daemon left behind (-d) serves, writing back at SIGTERM the registry it loaded; a
+    second one started on its port fails, leaving no ready marker (the first one's is removed)."""
     sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
     detached = ["-x", "-f", f"{BIN} -p {port} -d"]
@@ -99,6 +88,10 @@ def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
         assert daemon.proc.wait(10) == 0 and "is_daemon     : [true]\n" in daemon.stderr_text()
         [pid] = subprocess.run(["pgrep", *detached], capture_output=True).stdout.split()
         assert register(daemon, "svcA") == OK
+        os.unlink(sandbox.path(READY_MARKER))
+        assert sandbox.run(["-p", port]).returncode == 1
+        assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
+        assert not sandbox.exists(READY_MARKER)
         os.kill(int(pid), signal.SIGTERM)
         assert wait_for(lambda: subprocess.run(["pgrep", *detached]).returncode == 1)
         assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"
