@@ -19,7 +19,6 @@ def svc_events(daemon):
 
 
 def head_then_end(peer, conn):
-    """Answers the status line alone, then notes how the check ends its connection."""
     conn.sendall(b"HTTP/1.0 404 Not Found\r\n")
     try:
         peer.endings.append(conn.recv(1024))
@@ -28,7 +27,6 @@ def head_then_end(peer, conn):
 
 
 def console_without_requests(daemon):
-    """The console lines, less those of the test's own requests for the state."""
     return [line for line in daemon.stderr_text().splitlines() if line not in (
         "proc_svcmon_get()", f"str_req_path=[{SVCMON}]")]
 
