@@ -79,15 +79,18 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept_silently(sandb
 
 def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
     """65 services (one more than are checked at once) that accept and never answer
-    make each full round two check timeouts long."""
+    make each full round two check timeouts long; while they refused, rounds were short."""
     with contextlib.ExitStack() as stack:
         listeners = [stack.enter_context(socket.socket()) for _ in range(65)]
         for listener in listeners:
-            listener.bind(("127.0.0.1", 0))
-            listener.listen(8)
+            listener.bind(("127.0.0.1", 0))  # bound, not listening: refused
         daemon = sandbox.start("-m", "1")
         for i, listener in enumerate(listeners):
             assert register(daemon, f"s{i:02d}", listener.getsockname()[1]) == OK
+        assert wait_for(lambda: {i["state"] for i in reachability_items(daemon).values()}
+                        == {"down"})
+        for listener in listeners:
+            listener.listen(8)
         record = "prober round of 65 services took"
         assert wait_for(lambda: record in sandbox.debug_log(), 10)
         checks = reachability_items(daemon)["s00"]["checks"]
