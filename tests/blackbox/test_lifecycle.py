@@ -6,15 +6,13 @@ import os
 import pathlib
 import re
 import signal
-import socket
 import stat
 import subprocess
 import time
 
 import pytest
 
-from harness import (BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, SVCMGR, free_port,
-                     http_request, port_answers, register, wait_for)
+from harness import BIN, DEBUG_LOG, OK, READY_MARKER, REGISTRY_FILE, free_port, register, wait_for
 
 USAGE_HEAD = b"manager_svc 1.0.0\nusage : manager_svc [OPTION]... \n\nOPTION: \n"
 
@@ -40,8 +38,7 @@ def test_command_line(sandbox, args, status, text):
     assert result.stderr[:len(expected)] == expected and (status or b"2= DEBUG\n" in result.stderr)
 
 
-@pytest.mark.parametrize("sig, listen", [(signal.SIGINT, "127.0.0.1"), (signal.SIGTERM, "")])
-def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
+def test_ready_serves_and_sigint_writes_the_registry_back(sandbox):
     """Under umask 0 the files come with their own modes: the registry's as
     fopen(3) makes it, the rest 0644 in 0755 folders. The default "localhost"
     needs no name resolution (the resolver's files are hidden)."""
@@ -50,8 +47,7 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
         os.mknod(sandbox.path(hidden), stat.S_IFCHR, os.makedev(0, 0))
     started, old_umask = time.asctime(), os.umask(0)
     try:
-        daemon = sandbox.start(*(["-i", listen] if listen else []), "-t", "3", "-v", "1",
-                               nofile=(512, 8192))
+        daemon = sandbox.start("-t", "3", "-v", "1", nofile=(512, 8192))
     finally:
         os.umask(old_umask)
     limits = pathlib.Path(f"/proc/{daemon.pid}/limits").read_text()
@@ -62,7 +58,7 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
              [REGISTRY_FILE, READY_MARKER, DEBUG_LOG, os.path.dirname(DEBUG_LOG), "/Ombrix"]}
     assert list(modes.values()) == [0o666, 0o644, 0o644, 0o755, 0o755], modes
     sandbox.write(REGISTRY_FILE, "stale\n")
-    assert daemon.stop(sig) == 0
+    assert daemon.stop(signal.SIGINT) == 0
     assert sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.1,80\n"
     # Where the daemon may not lower its OOM score (no CAP_SYS_RESOURCE, a
     # container) it says so once; nothing else but the registration is recorded.
@@ -72,36 +68,29 @@ def test_ready_serves_and_stops_writing_the_registry_back(sandbox, sig, listen):
     assert len(records) == 1 + (not lowered)
     text = daemon.stderr_text()
     banner = (f"==== execute manager_svc ==== \nis_daemon     : [false]\n"
-              f"listen        : [{listen or 'localhost'}:{daemon.port}]\nthread_no     : [3]\n"
+              f"listen        : [localhost:{daemon.port}]\nthread_no     : [3]\n"
               "verbose_level : [1]\nlog_file      : [/tmp/.manager_svc.debug]\n"
               f"home_path     : [/home/httpd/manager_svc/]\nexecute_time  : [{started[:11]}")
     assert re.match(re.escape(banner) + r"\d\d:\d\d:\d\d \d{4}\]\n", text), text[:1000]
-    assert text.endswith(f"recv sig={int(sig)}\nmanager_svc exit(EXIT_SUCCESS).\n")
+    assert text.endswith("recv sig=2\nmanager_svc exit(EXIT_SUCCESS).\n")
 
 
-def test_port_in_use_ends_start_up_without_the_ready_marker(sandbox):
-    with socket.socket() as taken:
-        taken.bind(("127.0.0.1", 0))
-        taken.listen(1)
-        result = sandbox.run(["-p", taken.getsockname()[1]])
-    assert result.returncode == 1
-    assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
-    assert not sandbox.exists(READY_MARKER)
-
-
-
-def test_d_detaches_and_the_detached_daemon_serves_until_sigterm(sandbox):
-    """The daemon left behind serves, writing back at SIGTERM the registry it loaded."""
+def test_a_detached_daemon_serves_until_sigterm_and_a_second_on_its_port_fails_to_start(sandbox):
+    """The daemon left behind (-d) serves, writing back at SIGTERM the registry it loaded; a
+    second one started on its port fails, leaving no ready marker (the first one's is removed)."""
     sandbox.write(REGISTRY_FILE, "loaded,127.0.0.2,2\n")
     port = free_port()
-    detached = ["-x", "-f", f"{BIN} -d -p {port}"]
+    detached = ["-x", "-f", f"{BIN} -p {port} -d -i 127.0.0.1"]
     try:
-        result = sandbox.run(["-d", "-p", port])
-        assert result.returncode == 0 and b"is_daemon     : [true]\n" in result.stderr
-        assert wait_for(lambda: port_answers(port) and sandbox.exists(READY_MARKER))
+        daemon = sandbox.start("-d", "-i", "127.0.0.1", port=port)
+        assert daemon.proc.wait(10) == 0
+        assert "is_daemon     : [true]\nlisten        : [127.0.0.1:" in daemon.stderr_text()
         [pid] = subprocess.run(["pgrep", *detached], capture_output=True).stdout.split()
-        body = b'{"method": "register", "name": "svcA", "ip": "127.0.0.1", "port": 80}'
-        assert http_request(port, "POST", SVCMGR, body).body == OK
+        assert register(daemon, "svcA") == OK
+        os.unlink(sandbox.path(READY_MARKER))
+        assert sandbox.run(["-p", port]).returncode == 1
+        assert "ssci_server_create failed, ret=[-98] exit." in sandbox.debug_log()
+        assert not sandbox.exists(READY_MARKER)
         os.kill(int(pid), signal.SIGTERM)
         assert wait_for(lambda: subprocess.run(["pgrep", *detached]).returncode == 1)
         assert sandbox.read(REGISTRY_FILE) == b"loaded,127.0.0.2,2\nsvcA,127.0.0.1,80\n"

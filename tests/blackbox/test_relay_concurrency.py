@@ -64,7 +64,6 @@ def test_waiting_connections_make_room_and_a_trickler_is_cut_off(sandbox):
             assert b'"return": -2' in idle[-1].recv(4096)
         assert wait_for(lambda: all(closed_by_server(s) for s in idle[:FIRST_CLOSED]))
         assert not any(closed_by_server(sock) for sock in idle[-KEPT:])
-        assert daemon.request("GET", SVCMGR + "?method=get_info&name=quiet").status == 200
     assert [body_of(sock) for sock in relays] == [FAILED] * 20
     trickler = connect(daemon.port, GET_INFO.split(b"\r\n")[0] + b"\r\n")
     assert wait_for(lambda: trickler.sendall(b"X-Slow: 1\r\n") or closed_by_server(trickler),
