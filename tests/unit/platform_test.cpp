@@ -263,7 +263,8 @@ TEST_F(Platform, RequestGuardServesOwnHostsAndOwnOriginsOnly) {
     char own[256] = "";
     ASSERT_EQ(gethostname(own, sizeof own), 0);
     const std::string name = own;
-    const std::string served[] = {"[::1]:10182", "[fe80::1]", "LocalHost.:1", "localhost:", name, name + ".LOCAL:1"};
+    const std::string served[] = {"10.1.2.3:80", "[::1]:10182", "[fe80::1]", "LocalHost.:1", "localhost:", name,
+                                  name + ".LOCAL:1"};  // an address of the device's network too
     const std::string refused[] = {"::1", "[::1", "[127.0.0.1]", "127.1", "", "127.0.0.1:123456", "127.0.0.1:80x",
                                    "localhost.localdomain", name + "x", name + ".localx", "x" + name};
     for (const std::string& host : served) {
