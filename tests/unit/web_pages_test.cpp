@@ -70,17 +70,15 @@ TEST_F(WebPages, ParentSegmentsAreRefusedOnlyASlashJoinsAndTypesComeFromTheLastD
 }
 
 TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
-    auto page = serve("/index.html");
-    const std::string tag = page->get_header("ETag");
     struct stat info;
     ASSERT_EQ(0, stat((root + "/home/index.html").c_str(), &info));
-    std::ostringstream expected;
-    expected << std::hex << '"' << info.st_dev << '-' << info.st_ino << '-' << info.st_size << '-'
-             << MODIFIED * 1000000000ULL << '"';
-    EXPECT_EQ(expected.str(), tag);
-    EXPECT_EQ(DATE, page->get_header("Last-Modified"));
+    std::ostringstream tag;
+    tag << std::hex << '"' << info.st_dev << '-' << info.st_ino << '-' << info.st_size << '-'
+        << MODIFIED * 1000000000ULL << '"';
+    EXPECT_EQ(tag.str(), serve("/index.html")->get_header("ETag"));
+    EXPECT_EQ(DATE, serve("/index.html")->get_header("Last-Modified"));
     const std::tuple<std::string, const char*, int> cases[] = {
-        {"\"a\", \t" + tag + " ,\"b\"", "", 304}, {"*", "", 304}, {"\"u\"", DATE, 200},
+        {"\"a\", \t" + tag.str() + " ,\"b\"", "", 304}, {"*", "", 304}, {"\"u\"", DATE, 200},
         {"", "Mon, 07 Nov 1994 00:00:00 GMT", 304}, {"", "Sun, 06 Xyz 1994 08:49:37 GMT", 200},
         {"", "Sun, 06 Nov 1994 08:49:37 GMT x", 200},
     };
@@ -88,7 +86,6 @@ TEST_F(WebPages, RequestValidatorsSayWhetherTheClientHasThePage) {
         auto reply = serve("/index.html", {{"If-None-Match", tags}, {"If-Modified-Since", since}});
         EXPECT_EQ(status, reply->get_response_code()) << tags << since;
         EXPECT_EQ(status == 200 ? "text/html" : "", reply->get_header("Content-Type"));
-        EXPECT_EQ("DENY", reply->get_header("X-Frame-Options"));
     }
 }
 
