@@ -1,8 +1,8 @@
 """The service-manager resource: each result code of register, get_info and unregister,
-the server's own refusals, its console lines, and the registry file after each change and
-at stop, and left alone when a symbolic link or a FIFO is planted at its path (loading it
-at start-up: test_lifecycle.py; a full disk, and a crash at every step of a rewrite: the
-unit tests)."""
+the server's own refusals, its console lines (a line loaded at start-up's too), and the
+registry file after each change and at stop, and left alone when a symbolic link or a FIFO
+is planted at its path (loading it at start-up: test_lifecycle.py; a full disk, and a crash
+at every step of a rewrite: the unit tests)."""
 import os
 import re
 
@@ -17,6 +17,7 @@ BIG_BODY = '{"method": "register", "name": "big", "port": 1}'.ljust(64 * 1024)
 
 @pytest.fixture(scope="module")
 def daemon(module_sandbox):
+    module_sandbox.write(REGISTRY_FILE, "B,127.0.0.1,1\n")
     return module_sandbox.start("-v", "2")
 
 
@@ -58,11 +59,13 @@ def test_result_codes(daemon, method, path, body, status, expected):
 
 
 def test_registry_file_follows_every_change_and_the_console_tells_each(daemon, module_sandbox):
-    assert module_sandbox.read(REGISTRY_FILE) == b"svcA,127.0.0.7,80\n"
+    assert module_sandbox.read(REGISTRY_FILE) == b"B,127.0.0.1,1\nsvcA,127.0.0.7,80\n"
     module_sandbox.write(REGISTRY_FILE, b"left alone\n")
     assert daemon.request("POST", SVCMGR, REGISTER_A).body == OK
     assert module_sandbox.read(REGISTRY_FILE) == b"left alone\n"
-    for lines in [f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
+    for lines in ["svc_info_map.cpp:svc_info_restore(74) str_readline=[B,127.0.0.1,1\n]\n"
+                  "    name=[B], ip=[127.0.0.1], port=[1]\n",
+                  f"get_content={REGISTER_A}\nparam_method=register\nparam_name=svcA\n"
                   "param_ip=127.0.0.7\nparam_port=80\ndo register \n",
                   "Already exists, check content : svcA\n    Identical content, do nothing\n",
                   "get_content=not json\nparam_method=\nparam_name=\nparam_ip=\nparam_port=0\n"
