@@ -9,12 +9,12 @@ from harness import OK, SCRIPTS, SERVICES, svcmon, wait_for
 
 CALLS = "/tmp/calls.log"
 # Notes its command line; "start" fails with 3, "stop" kills the shell that runs it (the
-# daemon's child), "restart" waits 10 s.
+# daemon's child), "restart" prints one byte (fdr) or waits 10 s.
 SCRIPT = f"""#!/bin/sh
 echo "$0 $*" >> {CALLS}
 [ "$1" = start ] && exit 3
 [ "$1" = stop ] && kill -9 $PPID && exit
-[ "$1" = restart ] && [ "$0" = {SCRIPTS[1]} ] && exit 0
+[ "$1" = restart ] && [ "$0" = {SCRIPTS[1]} ] && printf . && exit 0
 sleep 10
 """
 
@@ -24,8 +24,8 @@ def post(daemon, body):
 
 
 def outcomes(daemon):
-    return [(r["command"].split("/")[-1], r["exit_status"], r["signal"], r["ended"] is None)
-            for r in svcmon(daemon, "get_control_runs")["items"]]
+    return [(r["command"].split("/")[-1], r["exit_status"], r["signal"], r["ended"] is None,
+             r["output"]) for r in svcmon(daemon, "get_control_runs")["items"]]
 
 
 def test_methods_runs_and_stop_while_a_script_runs(sandbox):
@@ -44,8 +44,8 @@ def test_methods_runs_and_stop_while_a_script_runs(sandbox):
     woken = svcmon(daemon, f"get_control_runs&index={index}&wait=5")
     assert woken["index"] > index and woken["items"][0]["ended"] is None
     assert wait_for(lambda: outcomes(daemon) == [
-        ("services.sh restart", None, None, True), ("services.sh stop", None, 9, False),
-        ("fdr_services.sh restart", 0, None, False), ("services.sh start", 3, None, False)])
+        ("services.sh restart", None, None, True, ""), ("services.sh stop", None, 9, False, ""),
+        ("fdr_services.sh restart", 0, None, False, "."), ("services.sh start", 3, None, False, "")])
     assert wait_for(lambda: sorted(sandbox.read(CALLS).decode().splitlines()) == [
         f"{SCRIPTS[1]} restart", f"{SCRIPTS[0]} restart", f"{SCRIPTS[0]} start",
         f"{SCRIPTS[0]} stop"])
