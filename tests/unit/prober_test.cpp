@@ -1,4 +1,4 @@
-// prober_test.cpp - reachability: the HTTP-level checks against loopback peers (every outcome, each result
+// prober_test.cpp - reachability: the HTTP-level checks against loopback peers (every outcome, IPv6 too, each result
 // handed over once, the stop descriptor), the prober's reply before its first check, its counts, and a
 // move starting afresh. Runs in the sandbox: registering writes the registry file.
 #include "monitor/prober.h"
@@ -18,12 +18,13 @@ TEST(ProbeTargets, EveryOutcomeOfAnHttpCheckHandedOverOnce) {
     const std::vector<probe_target> targets = {
         {"localhost.", answering.port}, {"127.0.0.1", not_http.port}, {"127.0.0.1", closing.port},
         {"127.0.0.1", hung.port}, {"127.0.0.1", closed.port}, {"127.1", answering.port},
-        {"localhost6", answering.port}, {"127.0.0.1", 0}, {"127.0.0.1", 65536},
+        {"localhost6", answering.port}, {"127.0.0.1", 0}, {"127.0.0.1", 65536}, {"::1", closed.port},
     };
     const char* const expected[] = {
         "up 501 ", "no answer 0 not an HTTP status line", "no answer 0 closed without a status line",
         "no answer 0 no status line in time", "down 0 connection refused", "down 0 not a numeric address",
         "down 0 not a numeric address", "down 0 invalid port", "down 0 invalid port",
+        "down 0 connection refused",
     };
     // Each hand-over appends to the target's text: a second one shows there.
     std::vector<std::string> found(targets.size());
