@@ -1,6 +1,6 @@
 // The two outbound HTTP clients against a loopback peer: the service-bus client (URL building, host-name
-// characters, the name server's answer, the look-up's time bound) and the monitor's GET client (URL
-// building, plain HTTP only, time and reply bounds).
+// characters, the name server's answer, the look-up's time and reply bounds) and the monitor's GET client
+// (URL building, plain HTTP only, time and reply bounds).
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -30,7 +30,7 @@ TEST(SsciClient, BuildsUrlsOnlyFromUsableHostsPortsAndPaths) {
 }
 
 // The look-up and the get with their bounds, through the daemon: tests/blackbox/test_relay_default_port.py.
-TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
+TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswerWithinItsBounds) {
     const std::tuple<std::string, int, const char*, int> cases[] = {
         {R"({"return": 0, "ip": "127.0.0.5", "port": 1})", RESULT_OK, "127.0.0.5", 1},
         {R"({"return": 0, "ip": "::1", "port": 65535})", RESULT_OK, "::1", 65535},
@@ -52,6 +52,9 @@ TEST(SsciClient, TakesTheServiceAddressFromTheNameServersAnswer) {
     std::string body = "stale";
     EXPECT_EQ(ssci_GET_request("svc", "/x", nullptr, body, 0, false, 0, nullptr), RESULT_TRANSPORT);
     EXPECT_EQ(body, "");
+    body.assign(SSCI_REPLY_LIMIT, 'b');  // a reply one byte past its bound fails
+    EXPECT_EQ(ssci_collect_reply(body.data(), 1, 1, &body), 0u);
+    EXPECT_EQ(body.size(), SSCI_REPLY_LIMIT);
 }
 
 TEST(HttpGetClient, BuildsUrlsWithinItsLength) {
