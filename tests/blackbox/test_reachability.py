@@ -1,9 +1,9 @@
 """Reachability as an operator sees it: refused ports are "down", answering ones "up" with
 their status, and one outside loopback "network unreachable" (the tests run where only
 loopback is up: nothing is sent to it); latency belongs to the service, not to the names'
-order; outages and moves are kept as events, and a service back up has no failures left; a
-check ends with an orderly close; the prober adds nothing to the console. (A hung service's
-"no answer": test_long_poll_concurrency.py.)"""
+order; outages and moves are kept as events, and a service back up has no failures left and
+its two changes counted; a check ends with an orderly close; the prober adds nothing to the
+console. (A hung service's "no answer": test_long_poll_concurrency.py.)"""
 import contextlib
 import socket
 import statistics
@@ -66,6 +66,8 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept_silently(sandb
     with FakePeer(answer(200), port=port), FakePeer(answer(200)) as moved:
         assert wait_for(lambda: reachability_items(daemon)["svc"]["state"] == "up", 5)
         assert reachability_items(daemon)["svc"]["failures"] == 0
+        metrics = daemon.request("GET", "/managerService/metrics").body.decode()
+        assert f'transitions_total{{name="svc",ip="127.0.0.1",port="{port}"}} 2\n' in metrics
         assert f"reachability of svc at 127.0.0.1:{port}: up -> down" in sandbox.debug_log()
         assert f"proc_svcmon_get()\nstr_req_path=[{SVCMON}]\n" in daemon.stderr_text()
         assert console_without_requests(daemon) == console
