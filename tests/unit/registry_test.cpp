@@ -127,6 +127,7 @@ TEST_F(registry_test, RewriteIsOneWriteOverTheOldContent) {
     const std::tuple<std::size_t, bool, std::size_t, std::size_t, std::vector<std::string>, std::size_t,
                      std::string> cases[] = {
         {12000, false, SIZE_MAX, SIZE_MAX, {"write 12000", "cut 10100"}, 10100, ""},
+        {10101, false, SIZE_MAX, SIZE_MAX, {"write 10101", "cut 10100"}, 10100, ""},  // one byte longer
         {300000, false, SIZE_MAX, SIZE_MAX, {"cut 0", "write 10100"}, 10100, ""},
         {4, false, 4000, SIZE_MAX, {"write 10100", "write 6100", "write 2100"}, 10100, ""},
         {4, false, 4000, 1, {"write 10100", "write 6100", "cut 3939"}, 39 * 101,
