@@ -9,7 +9,7 @@ import socket
 import statistics
 
 from fake_peer import FakePeer, answer
-from harness import (OK, SVCMON, free_port, reachability, reachability_items, register,
+from harness import (OK, SVCMGR, SVCMON, free_port, reachability, reachability_items, register,
                      svcmon, wait_for)
 
 
@@ -77,6 +77,9 @@ def test_latency_follows_the_service_and_outage_and_move_are_kept_silently(sandb
         assert svc_events(daemon)[1:4] == [("moved", None, None), ("state", "down", "up"),
                                            ("state", "up", "down")]
         assert svc_events(daemon)[-1][0] == "registered"
+        index = reachability(daemon)["index"]  # an unregistration wakes a waiting poll
+        assert daemon.request("DELETE", f"{SVCMGR}?method=unregister&name=s00").body == OK
+        assert reachability(daemon, f"&index={index}&wait=5")["index"] != index
 
 
 def test_a_round_longer_than_the_period_is_logged_once_a_minute(sandbox):
