@@ -1,6 +1,7 @@
 """Service control: each method runs its init script (fakes in the sandbox), the
 runs are listed with their outcome and output, at most 32 run at once, and SIGINT
 stops the daemon while a script still runs."""
+import os
 import pathlib
 import re
 import signal
@@ -86,9 +87,11 @@ def test_output_kept_default_oom_score_and_at_most_32_scripts_at_once(sandbox):
     assert {(r["exit_status"], r["output"]) for r in runs if r["error"] is None} == {
         (0, "x" * (4096 - 2) + "0\n")}
     # Every place is free again once the runs are seen ended, a refused run's too.
+    fds = len(os.listdir(f"/proc/{daemon.pid}/fd"))
     sandbox.write(go, "")
     for _ in range(33):
         assert post(daemon, '{"method": "start"}') == OK
     assert start_runs(daemon) == {"not_started": 9, "succeeded": 32}
     sandbox.write(go, "go")
     assert wait_for(lambda: start_runs(daemon) == {"not_started": 9, "succeeded": 64}, 10)
+    assert wait_for(lambda: len(os.listdir(f"/proc/{daemon.pid}/fd")) <= fds)  # none leaked
